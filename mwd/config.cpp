@@ -1,0 +1,279 @@
+#include "mwd/config.h"
+
+#define SYSLOG_NAMES /* facilitynames and prioritynames */
+#include "mwd/syslog.h"
+
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <regex.h>
+#include <strings.h>
+
+const char *opt_config = "/marblewell/etc/mwd.conf";
+int opt_debug;
+
+char *cfg_syslog_ident;
+int cfg_syslog_facility;
+int cfg_syslog_priority;
+char *cfg_pid_file;
+char *cfg_work_directory;
+char *cfg_local_nodes;
+int cfg_unicast_mode;
+char *cfg_unicast_hosts;
+char *cfg_bind_interface;
+int cfg_bind_port;
+char *cfg_ctrl_address;
+int cfg_ctrl_port;
+char *cfg_multicast_address;
+int cfg_node_lock_timeout_ms;
+int cfg_datastore_lock_timeout_ms;
+int cfg_vdisk_lock_timeout_ms;
+char *cfg_fence_check;
+int cfg_ping_interval;
+int cfg_heartbeat_interval;
+int cfg_stats_interval;
+
+static int config_module_initialized;
+
+static const char patt_comment[] = "^(#|;)|^[[:blank:]]*$";
+static const char patt_keyval[] =
+    "^[[:blank:]]*([[:alnum:]_.]+)[[:blank:]]*=[[:blank:]]*([[:graph:]]+)[[:blank:]]*$";
+static const char patt_quoted[] =
+    "^[[:blank:]]*([[:alnum:]_.]+)[[:blank:]]*=[[:blank:]]*\"([[:print:]]*)\"[[:blank:]]*$";
+static regex_t preg_comment, preg_keyval, preg_quoted;
+
+/* One key of the file. Exactly one of `string` and `integer` is set; `names` tells a number that is given by
+ * name. */
+struct ConfigKey {
+    const char *key;
+    char **string;
+    const char *string_default;
+    size_t string_max; /* longest value, 0 for any */
+    int *integer;
+    int integer_default;
+    int min, max;
+    const CODE *names;
+    bool reopens_log;
+};
+
+static constexpr int INT_ANY = 0x7fffffff;
+
+static constexpr ConfigKey string_key(const char *key, char **value, const char *initial, size_t max = 0)
+{
+    return {key, value, initial, max, nullptr, 0, 0, 0, nullptr, false};
+}
+
+static constexpr ConfigKey integer_key(const char *key, int *value, int initial, int min, int max)
+{
+    return {key, nullptr, nullptr, 0, value, initial, min, max, nullptr, false};
+}
+
+static constexpr ConfigKey name_key(const char *key, int *value, int initial, const CODE *names)
+{
+    return {key, nullptr, nullptr, 0, value, initial, 0, 0, names, true};
+}
+
+static constexpr ConfigKey log_string_key(const char *key, char **value, const char *initial)
+{
+    return {key, value, initial, 0, nullptr, 0, 0, 0, nullptr, true};
+}
+
+/* All keys, in the order in which they are compared and dumped. */
+static const ConfigKey config_keys[] = {
+    log_string_key("syslog_ident", &cfg_syslog_ident, "mwd"),
+    name_key("syslog_facility", &cfg_syslog_facility, LOG_DAEMON, facilitynames),
+    name_key("syslog_priority", &cfg_syslog_priority, LOG_INFO, prioritynames),
+    string_key("pid_file", &cfg_pid_file, "/var/run/mwd.pid"),
+    string_key("work_directory", &cfg_work_directory, "/marblewell/DB", CFG_WORK_DIRECTORY_MAX),
+    string_key("local_nodes", &cfg_local_nodes, "/marblewell/local_nodes"),
+    integer_key("unicast_mode", &cfg_unicast_mode, 0, 0, INT_ANY),
+    string_key("unicast_hosts", &cfg_unicast_hosts, "/marblewell/unicast_hosts"),
+    string_key("bind_interface", &cfg_bind_interface, "eth0", 15),
+    integer_key("bind_port", &cfg_bind_port, 8000, 1, 65535),
+    string_key("ctrl_address", &cfg_ctrl_address, "127.0.0.1"),
+    integer_key("ctrl_port", &cfg_ctrl_port, 31337, 1, 65535),
+    string_key("multicast_address", &cfg_multicast_address, "224.123.123.123"),
+    integer_key("node_lock_timeout_ms", &cfg_node_lock_timeout_ms, 750, 0, 60000),
+    integer_key("datastore_lock_timeout_ms", &cfg_datastore_lock_timeout_ms, 750, 0, 60000),
+    integer_key("vdisk_lock_timeout_ms", &cfg_vdisk_lock_timeout_ms, 750, 0, 60000),
+    string_key("fence_check", &cfg_fence_check, "/usr/tidewatcher/fencecheck"),
+    integer_key("ping_interval", &cfg_ping_interval, 90, 0, 3600),
+    integer_key("heartbeat_interval", &cfg_heartbeat_interval, 30, 0, 3600),
+    integer_key("stats_interval", &cfg_stats_interval, 60, 0, 86400),
+};
+
+/* Puts a copy of `text` in the place of *value; `op` names the caller in the line of a failed allocation. */
+static void replace_string(const char *op, char **value, const char *text)
+{
+    free(*value);
+    *value = strdup(text);
+    if (!*value) {
+        fprintf(stderr, "error: %s(): strdup(%s): %s\n", op, text, strerror(errno));
+        exit(1);
+    }
+}
+
+static void compile_pattern(regex_t *preg, const char *pattern, int flags)
+{
+    int result = regcomp(preg, pattern, flags);
+    if (result != 0) {
+        char text[1024];
+        regerror(result, preg, text, sizeof(text));
+        fprintf(stderr, "regcomp(%s): %s\n", pattern, text);
+        exit(1);
+    }
+}
+
+void config_module_setup()
+{
+    assert(!config_module_initialized);
+    compile_pattern(&preg_comment, patt_comment, REG_EXTENDED | REG_NOSUB);
+    compile_pattern(&preg_keyval, patt_keyval, REG_EXTENDED);
+    compile_pattern(&preg_quoted, patt_quoted, REG_EXTENDED);
+
+    for (const ConfigKey &key : config_keys) {
+        if (key.string)
+            replace_string(__func__, key.string, key.string_default);
+        else
+            *key.integer = key.integer_default;
+    }
+    config_module_initialized = 1;
+}
+
+[[noreturn]] static void refuse_text(const char *key, const char *value)
+{
+    fprintf(stderr, "error: config_load(): Incorrect %s value: `%s'\n", key, value);
+    exit(1);
+}
+
+static int value_of_name(const ConfigKey &key, const char *value)
+{
+    for (const CODE *code = key.names; code->c_name; code++)
+        if (strcasecmp(code->c_name, value) == 0)
+            return code->c_val;
+    refuse_text(key.key, value);
+}
+
+/* Reads like atoi: any text is a number, and one that is out of `int` is cut to its low bits before the test.
+ */
+static int value_of_integer(const ConfigKey &key, const char *value)
+{
+    int number = static_cast<int>(strtol(value, nullptr, 10));
+    if (number < key.min || number > key.max) {
+        fprintf(stderr, "error: config_load(): Incorrect %s value: %d\n", key.key, number);
+        exit(1);
+    }
+    return number;
+}
+
+static void apply_value(const ConfigKey &key, const char *value)
+{
+    if (key.string) {
+        if (key.string_max && strlen(value) > key.string_max)
+            refuse_text(key.key, value);
+        replace_string("config_load", key.string, value);
+    } else if (key.names) {
+        *key.integer = value_of_name(key, value);
+    } else {
+        *key.integer = value_of_integer(key, value);
+    }
+    if (key.reopens_log)
+        syslog_module_setup();
+}
+
+static void apply_line(char *line)
+{
+    if (regexec(&preg_comment, line, 0, nullptr, 0) == 0)
+        return;
+
+    regmatch_t match[3];
+    if (regexec(&preg_quoted, line, 3, match, 0) != 0 && regexec(&preg_keyval, line, 3, match, 0) != 0) {
+        fprintf(stderr, "error: config_load(): Broken config line `%s'\n", line);
+        exit(1);
+    }
+    const char *key = line + match[1].rm_so;
+    const char *value = line + match[2].rm_so;
+    line[match[1].rm_eo] = '\0';
+    line[match[2].rm_eo] = '\0';
+
+    for (const ConfigKey &known : config_keys)
+        if (strcmp(known.key, key) == 0)
+            return apply_value(known, value);
+    fprintf(stderr, "error: config_load(): Unknown config option `%s'\n", key);
+    exit(1);
+}
+
+void config_load()
+{
+    FILE *file = fopen(opt_config, "r");
+    if (!file) {
+        fprintf(stderr, "error: %s(): fopen(%s): %s\n", __func__, opt_config, strerror(errno));
+        exit(1);
+    }
+    char line[1024];
+    while (fgets(line, sizeof(line), file)) {
+        char *newline = strchr(line, '\n');
+        if (!newline) {
+            fclose(file);
+            fprintf(stderr, "error: %s(): Config line too long\n", __func__);
+            exit(1);
+        }
+        *newline = '\0';
+        apply_line(line);
+    }
+    bool failed = ferror(file);
+    fclose(file);
+    if (failed) {
+        fprintf(stderr, "error: %s(): Error reading config\n", __func__);
+        exit(1);
+    }
+}
+
+/* The first name of the value; every value in use has one, since it came from the table. */
+static const char *name_of_value(const CODE *names, int value)
+{
+    while (names->c_name && names->c_val != value)
+        names++;
+    return names->c_name;
+}
+
+void config_dump()
+{
+    syslog(
+        LOG_INFO,
+        "syslog_ident=%s syslog_facility=%s syslog_priority=%s pid_file=%s work_directory=%s local_nodes=%s "
+        "unicast_mode=%d unicast_hosts=%s bind_interface=%s bind_port=%d ctrl_address=%s ctrl_port=%d "
+        "multicast_address=%s node_lock_timeout_ms=%d datastore_lock_timeout_ms=%d "
+        "vdisk_lock_timeout_ms=%d fence_check=%s ping_interval=%d heartbeat_interval=%d stats_interval=%d",
+        cfg_syslog_ident, name_of_value(facilitynames, cfg_syslog_facility),
+        name_of_value(prioritynames, cfg_syslog_priority), cfg_pid_file, cfg_work_directory, cfg_local_nodes,
+        cfg_unicast_mode, cfg_unicast_hosts, cfg_bind_interface, cfg_bind_port, cfg_ctrl_address,
+        cfg_ctrl_port, cfg_multicast_address, cfg_node_lock_timeout_ms, cfg_datastore_lock_timeout_ms,
+        cfg_vdisk_lock_timeout_ms, cfg_fence_check, cfg_ping_interval, cfg_heartbeat_interval,
+        cfg_stats_interval);
+}
+
+static void free_string(char **value)
+{
+    free(*value);
+    *value = nullptr;
+}
+
+void config_module_teardown()
+{
+    free_string(&cfg_fence_check);
+    free_string(&cfg_multicast_address);
+    free_string(&cfg_ctrl_address);
+    free_string(&cfg_bind_interface);
+    free_string(&cfg_unicast_hosts);
+    free_string(&cfg_local_nodes);
+    free_string(&cfg_work_directory);
+    free_string(&cfg_pid_file);
+    free_string(&cfg_syslog_ident);
+    regfree(&preg_quoted);
+    regfree(&preg_keyval);
+    regfree(&preg_comment);
+    config_module_initialized = 0;
+}
