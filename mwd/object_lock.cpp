@@ -1,0 +1,150 @@
+/* Path locks: a lock is held as long as its file exists. */
+#include "mwd/object_internal.h"
+
+#include "mwd/config.h"
+#include "mwd/io.h"
+#include "mwd/misc.h"
+#include "mwd/syslog.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+/* Writes the owner into the lock file just made and closes it. After a failure the file stays: nobody unlocks
+ * it. */
+static int lock_take(const char *op, int fd, const char *path, const char *owner, int owner_len)
+{
+    FdGuard guard(fd);
+    if (buf_tx(fd, owner, static_cast<size_t>(owner_len), 1) < 0)
+        return -3;
+    if (fsync(fd) < 0) {
+        log_warn_as(op, "fsync(%s): %s", path, strerror(errno));
+        return -4;
+    }
+    return 0;
+}
+
+int PathLock(const char *path, int timeout_ms)
+{
+    log_info("Lock %s", path);
+    char owner[16];
+    int owner_len = snprintf(owner, sizeof(owner), "%d\n", getpid());
+
+    int next_ms = 50, slept_ms = 0;
+    for (;;) {
+        int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC, 0666);
+        if (fd >= 0)
+            return lock_take(__func__, fd, path, owner, owner_len);
+        if (errno == EINTR)
+            continue;
+        if (errno != EEXIST) {
+            log_error("open(%s): %s", path, strerror(errno));
+            return -2;
+        }
+        if (timeout_ms <= 0)
+            return -1;
+        if (next_ms > timeout_ms || slept_ms >= timeout_ms) {
+            log_notice("Timed out locking %s", path);
+            return -1;
+        }
+        slept_ms += next_ms;
+        log_notice("Contention on %s, sleep %dms", path, next_ms);
+        msleep(next_ms);
+        next_ms *= 2;
+    }
+}
+
+void PathUnlock(const char *path)
+{
+    log_info("Unlock %s", path);
+    if (unlink(path) < 0)
+        log_warn("unlink(%s): %s", path, strerror(errno));
+}
+
+/* The files: what each record's lock is called. The number and the text of a node come to the same name. */
+#define NODE_LOCK(path, nodeid) text_format(path, sizeof(path), "/tmp/NODE-%u", nodeid)
+#define NODE_LOCK_STR(path, nodeuuid) text_format(path, sizeof(path), "/tmp/NODE-%s", nodeuuid)
+#define DATASTORE_LOCK(path, dse)                                                                            \
+    text_format(path, sizeof(path), "/tmp/DS-%.*s", static_cast<int>(UUID_WIDTH), (dse)->uuid)
+#define DATASTORE_LOCK_STR(path, dsuuid) text_format(path, sizeof(path), "/tmp/DS-%s", dsuuid)
+#define VDISK_LOCK(path, uuid) text_format(path, sizeof(path), "/tmp/VDISK-%s", uuid)
+
+int NodeLock(unsigned int nodeid)
+{
+    char path[PATH_LEN];
+    return NODE_LOCK(path, nodeid) < 0 ? -1 : PathLock(path, cfg_node_lock_timeout_ms);
+}
+
+void NodeUnlock(unsigned int nodeid)
+{
+    char path[PATH_LEN];
+    if (NODE_LOCK(path, nodeid) == 0)
+        PathUnlock(path);
+}
+
+int NodeLockStr(const char *nodeuuid)
+{
+    char path[PATH_LEN];
+    return NODE_LOCK_STR(path, nodeuuid) < 0 ? -1 : PathLock(path, cfg_node_lock_timeout_ms);
+}
+
+void NodeUnlockStr(const char *nodeuuid)
+{
+    char path[PATH_LEN];
+    if (NODE_LOCK_STR(path, nodeuuid) == 0)
+        PathUnlock(path);
+}
+
+int DatastoreLock(const struct DatastoreEntry *dse)
+{
+    char path[PATH_LEN];
+    return DATASTORE_LOCK(path, dse) < 0 ? -1 : PathLock(path, cfg_datastore_lock_timeout_ms);
+}
+
+void DatastoreUnlock(const struct DatastoreEntry *dse)
+{
+    char path[PATH_LEN];
+    if (DATASTORE_LOCK(path, dse) == 0)
+        PathUnlock(path);
+}
+
+int DatastoreLockStr(const char *dsuuid)
+{
+    char path[PATH_LEN];
+    return DATASTORE_LOCK_STR(path, dsuuid) < 0 ? -1 : PathLock(path, cfg_datastore_lock_timeout_ms);
+}
+
+void DatastoreUnlockStr(const char *dsuuid)
+{
+    char path[PATH_LEN];
+    if (DATASTORE_LOCK_STR(path, dsuuid) == 0)
+        PathUnlock(path);
+}
+
+int VDiskLock(const struct VDisk *vdisk)
+{
+    char path[PATH_LEN];
+    return VDISK_LOCK(path, vdisk->vdiskuuid) < 0 ? -1 : PathLock(path, cfg_vdisk_lock_timeout_ms);
+}
+
+void VDiskUnlock(const struct VDisk *vdisk)
+{
+    char path[PATH_LEN];
+    if (VDISK_LOCK(path, vdisk->vdiskuuid) == 0)
+        PathUnlock(path);
+}
+
+int ParentLock(const struct VDisk *vdisk)
+{
+    char path[PATH_LEN];
+    return VDISK_LOCK(path, vdisk->parentuuid) < 0 ? -1 : PathLock(path, cfg_vdisk_lock_timeout_ms);
+}
+
+void ParentUnlock(const struct VDisk *vdisk)
+{
+    char path[PATH_LEN];
+    if (VDISK_LOCK(path, vdisk->parentuuid) == 0)
+        PathUnlock(path);
+}
