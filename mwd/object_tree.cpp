@@ -4,6 +4,7 @@
  */
 #include "mwd/object.h"
 
+#include <cassert>
 #include <cstring>
 
 enum { BLACK = 0, RED = 1 };
@@ -112,6 +113,7 @@ static void VDiskTree_RB_REMOVE_COLOR(struct VDiskTree *head, struct VDisk *pare
             left ? rotate_left(head, parent) : rotate_right(head, parent);
             sibling = left ? parent->entries.rbe_right : parent->entries.rbe_left;
         }
+        assert(sibling); /* the ways through it have at least the black that the others lack */
         struct VDisk *near = left ? sibling->entries.rbe_left : sibling->entries.rbe_right;
         struct VDisk *far = left ? sibling->entries.rbe_right : sibling->entries.rbe_left;
         if (!is_red(near) && !is_red(far)) {
