@@ -29,14 +29,11 @@ static int lock_take(const char *op, int fd, const char *path, const char *owner
 int PathLock(const char *path, int timeout_ms)
 {
     log_info("Lock %s", path);
-    char owner[16];
-    int owner_len = snprintf(owner, sizeof(owner), "%d\n", getpid());
-
     int next_ms = 50, slept_ms = 0;
     for (;;) {
         int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_TRUNC, 0666);
         if (fd >= 0)
-            return lock_take(__func__, fd, path, owner, owner_len);
+            return lock_take(__func__, fd, path);
         if (errno == EINTR)
             continue;
         if (errno != EEXIST) {
