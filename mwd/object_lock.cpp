@@ -12,12 +12,22 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+/* What a lock file holds: the daemon's process number, which is final before the first lock is taken. */
+static const char *owner_text()
+{
+    static char owner[16];
+    if (owner[0] == '\0')
+        snprintf(owner, sizeof(owner), "%d\n", getpid());
+    return owner;
+}
+
 /* Writes the owner into the lock file just made and closes it. After a failure the file stays: nobody unlocks
  * it. */
-static int lock_take(const char *op, int fd, const char *path, const char *owner, int owner_len)
+static int lock_take(const char *op, int fd, const char *path)
 {
     FdGuard guard(fd);
-    if (buf_tx(fd, owner, static_cast<size_t>(owner_len), 1) < 0)
+    const char *owner = owner_text();
+    if (buf_tx(fd, owner, strlen(owner), 1) < 0)
         return -3;
     if (fsync(fd) < 0) {
         log_warn_as(op, "fsync(%s): %s", path, strerror(errno));
