@@ -38,14 +38,12 @@ int cfg_stats_interval;
 static int config_module_initialized;
 
 static const char patt_comment[] = "^(#|;)|^[[:blank:]]*$";
-static const char patt_keyval[] =
-    "^[[:blank:]]*([[:alnum:]_.]+)[[:blank:]]*=[[:blank:]]*([[:graph:]]+)[[:blank:]]*$";
+static const char patt_keyval[] = "^[[:blank:]]*([[:alnum:]_.]+)[[:blank:]]*=[[:blank:]]*([[:graph:]]+)[[:blank:]]*$";
 static const char patt_quoted[] =
     "^[[:blank:]]*([[:alnum:]_.]+)[[:blank:]]*=[[:blank:]]*\"([[:print:]]*)\"[[:blank:]]*$";
 static regex_t preg_comment, preg_keyval, preg_quoted;
 
-/* One key of the file. Exactly one of `string` and `integer` is set; `names` tells a number that is given by
- * name. */
+/* One key of the file. Exactly one of `string` and `integer` is set; `names` tells a number that is given by name. */
 struct ConfigKey {
     const char *key;
     char **string;
@@ -241,18 +239,16 @@ static const char *name_of_value(const CODE *names, int value)
 
 void config_dump()
 {
-    syslog(
-        LOG_INFO,
-        "syslog_ident=%s syslog_facility=%s syslog_priority=%s pid_file=%s work_directory=%s local_nodes=%s "
-        "unicast_mode=%d unicast_hosts=%s bind_interface=%s bind_port=%d ctrl_address=%s ctrl_port=%d "
-        "multicast_address=%s node_lock_timeout_ms=%d datastore_lock_timeout_ms=%d "
-        "vdisk_lock_timeout_ms=%d fence_check=%s ping_interval=%d heartbeat_interval=%d stats_interval=%d",
-        cfg_syslog_ident, name_of_value(facilitynames, cfg_syslog_facility),
-        name_of_value(prioritynames, cfg_syslog_priority), cfg_pid_file, cfg_work_directory, cfg_local_nodes,
-        cfg_unicast_mode, cfg_unicast_hosts, cfg_bind_interface, cfg_bind_port, cfg_ctrl_address,
-        cfg_ctrl_port, cfg_multicast_address, cfg_node_lock_timeout_ms, cfg_datastore_lock_timeout_ms,
-        cfg_vdisk_lock_timeout_ms, cfg_fence_check, cfg_ping_interval, cfg_heartbeat_interval,
-        cfg_stats_interval);
+    syslog(LOG_INFO,
+           "syslog_ident=%s syslog_facility=%s syslog_priority=%s pid_file=%s work_directory=%s local_nodes=%s "
+           "unicast_mode=%d unicast_hosts=%s bind_interface=%s bind_port=%d ctrl_address=%s ctrl_port=%d "
+           "multicast_address=%s node_lock_timeout_ms=%d datastore_lock_timeout_ms=%d "
+           "vdisk_lock_timeout_ms=%d fence_check=%s ping_interval=%d heartbeat_interval=%d stats_interval=%d",
+           cfg_syslog_ident, name_of_value(facilitynames, cfg_syslog_facility),
+           name_of_value(prioritynames, cfg_syslog_priority), cfg_pid_file, cfg_work_directory, cfg_local_nodes,
+           cfg_unicast_mode, cfg_unicast_hosts, cfg_bind_interface, cfg_bind_port, cfg_ctrl_address, cfg_ctrl_port,
+           cfg_multicast_address, cfg_node_lock_timeout_ms, cfg_datastore_lock_timeout_ms, cfg_vdisk_lock_timeout_ms,
+           cfg_fence_check, cfg_ping_interval, cfg_heartbeat_interval, cfg_stats_interval);
 }
 
 static void free_string(char **value)

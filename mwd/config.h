@@ -39,8 +39,7 @@ extern int cfg_stats_interval;
 /* Compiles the line patterns and gives every value its default. The first call of the process, once. */
 void config_module_setup();
 
-/* Reads the file opt_config over the defaults. A change of the log's keys takes effect while it is still
- * read. */
+/* Reads the file opt_config over the defaults. A change of the log's keys takes effect while it is still read. */
 void config_load();
 
 /* Writes all values in one line to the log, at level info, with neither level word nor function name. */

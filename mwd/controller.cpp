@@ -136,8 +136,7 @@ static void stats()
     log_notice("RX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld SV_PING=%lld/%lld "
                "VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld UNKNOWN=%lld/%lld",
                RX_PAIR(STATS_ALL), RX_PAIR(STATS_PING), RX_PAIR(STATS_DS_PING), RX_PAIR(STATS_AUX_PING),
-               RX_PAIR(STATS_SV_PING), RX_PAIR(STATS_VDISK_DEL), RX_PAIR(STATS_HEARTBEAT),
-               RX_PAIR(STATS_UNKNOWN));
+               RX_PAIR(STATS_SV_PING), RX_PAIR(STATS_VDISK_DEL), RX_PAIR(STATS_HEARTBEAT), RX_PAIR(STATS_UNKNOWN));
     memset(stats_rx_short, 0, sizeof(stats_rx_short));
     log_notice("TX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld SV_PING=%lld/%lld "
                "VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld",
@@ -301,8 +300,7 @@ static Received receive_datagram(struct Loop *loop)
     do {
         socklen_t sl = sizeof(source_addr);
         source_addr = {};
-        r = recvfrom(loop->so, loop->buf, MSG_LEN_MAX, 0, reinterpret_cast<struct sockaddr *>(&source_addr),
-                     &sl);
+        r = recvfrom(loop->so, loop->buf, MSG_LEN_MAX, 0, reinterpret_cast<struct sockaddr *>(&source_addr), &sl);
     } while (r < 0 && errno == EINTR);
     if (r < 0) {
         log_error_as(loop_op, "recvfrom(): %s", strerror(errno));

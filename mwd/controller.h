@@ -5,8 +5,7 @@
 #ifndef MWD_CONTROLLER_H
 #define MWD_CONTROLLER_H
 
-/* Makes the tables, installs the signal handlers and staggers the timers. Returns 0, or -1 to -3 for the
- * table. */
+/* Makes the tables, installs the signal handlers and staggers the timers. Returns 0, or -1 to -3 for the table. */
 int controller_module_setup();
 
 /*

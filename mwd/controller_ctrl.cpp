@@ -41,8 +41,7 @@ void CtrlConnListFlush(struct CtrlConnList *cclp)
     }
 }
 
-/* Accepts into `ccp` what select can hold. Returns 0 or -1; the connection is the caller's to free either
- * way. */
+/* Accepts into `ccp` what select can hold. Returns 0 or -1; the connection is the caller's to free either way. */
 static int accept_into(const char *op, struct CtrlConn *ccp, int ctrlso)
 {
     ccp->so = tcp_accept(ctrlso, ccp->addr, &ccp->port);
@@ -121,8 +120,7 @@ static char *cut_argument(char *text)
 }
 
 /* Cuts both arguments of `command` off the line. Returns 0, or -1 after an error line. */
-static int cut_node_and_vdisk(const char *op, const char *command, char *line, char **nodeuuid,
-                              char **vdiskuuid)
+static int cut_node_and_vdisk(const char *op, const char *command, char *line, char **nodeuuid, char **vdiskuuid)
 {
     *nodeuuid = cut_argument(line);
     if (!*nodeuuid) {
@@ -153,8 +151,8 @@ int handle_ctrl_cmd(struct CtrlConn *ccp, char *buf, size_t buflen, int so)
     if (begins_with(line, "single_vdisk_ping")) {
         if (cut_node_and_vdisk(__func__, "single_vdisk_ping", line, &nodeuuid, &vdiskuuid) < 0)
             return -1;
-        log_notice("MSG from CTRL client %s:%d: SINGLE_VDISK_PING Node=%s VDisk=%s", ccp->addr, ccp->port,
-                   nodeuuid, vdiskuuid);
+        log_notice("MSG from CTRL client %s:%d: SINGLE_VDISK_PING Node=%s VDisk=%s", ccp->addr, ccp->port, nodeuuid,
+                   vdiskuuid);
         send_single_vdisk_ping(nodeuuid, vdiskuuid, buf, buflen, so);
     } else if (begins_with(line, "ds_ping")) {
         nodeuuid = cut_argument(line);
@@ -167,8 +165,8 @@ int handle_ctrl_cmd(struct CtrlConn *ccp, char *buf, size_t buflen, int so)
     } else if (begins_with(line, "vdisk_deleted")) {
         if (cut_node_and_vdisk(__func__, "vdisk_deleted", line, &nodeuuid, &vdiskuuid) < 0)
             return -1;
-        log_notice("MSG from CTRL client %s:%d: VDISK_DELETED Node=%s VDisk=%s", ccp->addr, ccp->port,
-                   nodeuuid, vdiskuuid);
+        log_notice("MSG from CTRL client %s:%d: VDISK_DELETED Node=%s VDisk=%s", ccp->addr, ccp->port, nodeuuid,
+                   vdiskuuid);
         send_vdisk_deleted(nodeuuid, vdiskuuid, buf, buflen, so);
     } else {
         log_notice("MSG (ignored) from CTRL client %s:%d: %s", ccp->addr, ccp->port, line);

@@ -1,5 +1,4 @@
-/* Publications: a local node is read afresh from the tree, built into messages, and sent to every
- * destination. */
+/* Publications: a local node is read afresh from the tree, built into messages, and sent to every destination. */
 #include "mwd/controller_internal.h"
 
 #include "mwd/config.h"
@@ -55,8 +54,7 @@ static int append(char *buf, size_t buflen, size_t *idx, const void *record, siz
     return 0;
 }
 
-/* Clears the buffer and puts the node's header with `type` at its start. Returns 0, or -1 if even that does
- * not fit. */
+/* Clears the buffer and puts the node's header with `type` at its start. Returns 0, or -1 if even that does not fit. */
 static int start_message(const struct Node *node, uint8_t type, char *buf, size_t buflen, size_t *idx)
 {
     memset(buf, 0, buflen);
@@ -124,11 +122,9 @@ static int append_lists(const char *op, const struct VDisk *vdisk, char *buf, si
 }
 
 /* Appends all Plain VDisks of the node, or all Snapshots, in the order of their names. */
-static int append_vdisks(const char *op, struct Node *node, bool snapshots, char *buf, size_t buflen,
-                         size_t *idx)
+static int append_vdisks(const char *op, struct Node *node, bool snapshots, char *buf, size_t buflen, size_t *idx)
 {
-    for (struct VDisk *vdisk = VDiskTree_RB_MINMAX(&node->vdisks, -1); vdisk;
-         vdisk = VDiskTree_RB_NEXT(vdisk)) {
+    for (struct VDisk *vdisk = VDiskTree_RB_MINMAX(&node->vdisks, -1); vdisk; vdisk = VDiskTree_RB_NEXT(vdisk)) {
         if ((vdisk->vde.snapshot != 0) != snapshots)
             continue;
         if (append(buf, buflen, idx, &vdisk->vde, sizeof(vdisk->vde)) < 0)
@@ -260,15 +256,12 @@ static int load_node(struct Node *node)
     return NodeLoad_VDisks(node->nodeid, &node->vdisks);
 }
 
-/* Reads all VDisks of the node: one that cannot be read must not vanish from the list as if it had been
- * dropped. */
+/* Reads all VDisks of the node: one that cannot be read must not vanish from the list as if it had been dropped. */
 static int load_vdisks(const char *op, struct Node *node)
 {
-    for (struct VDisk *vdisk = VDiskTree_RB_MINMAX(&node->vdisks, -1); vdisk;
-         vdisk = VDiskTree_RB_NEXT(vdisk)) {
+    for (struct VDisk *vdisk = VDiskTree_RB_MINMAX(&node->vdisks, -1); vdisk; vdisk = VDiskTree_RB_NEXT(vdisk)) {
         if (load_node_vdisk(node, vdisk) < 0) {
-            log_error_as(op, "PING from Node %s not sent due to VDisk %s error", node->nodeuuid,
-                         vdisk->vdiskuuid);
+            log_error_as(op, "PING from Node %s not sent due to VDisk %s error", node->nodeuuid, vdisk->vdiskuuid);
             return -1;
         }
     }
@@ -298,8 +291,7 @@ static void ping_node(const char *op, struct Node *node, char *buf, size_t bufle
 
     if (load_node_datastore(node) == 0) {
         if (node->dsuuid[0] == '\0' && node->vdisks.rbh_root)
-            log_error_as(op, "Local node %s not part of any data store but references vdisks!?",
-                         node->nodeuuid);
+            log_error_as(op, "Local node %s not part of any data store but references vdisks!?", node->nodeuuid);
         if (transmit_ds_ping(op, node, buf, buflen, so) < 0)
             return;
     }

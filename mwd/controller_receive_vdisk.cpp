@@ -63,8 +63,7 @@ static int read_frontend(Reader *reader, struct VDisk *vdisk)
     return 0;
 }
 
-/* Reads the entry's lists, whose lengths the entry gives. Returns 0, or -1 after an error line if they are
- * malformed. */
+/* Reads the lists behind the entry, as long as it says. Returns 0, or -1 after an error line if they are malformed. */
 static int read_lists(Reader *reader, struct VDisk *vdisk)
 {
     for (int i = 0; i < vdisk->vde.members; i++) {
@@ -91,8 +90,7 @@ static int check_names(const char *op, const struct VDisk *vdisk)
     return -1;
 }
 
-/* Reads the report of the entry `vde`. Returns it, the caller's to free, or null if the datagram is to be
- * given up. */
+/* Reads the report of the entry `vde`. Returns it, the caller's to free, or null if the datagram is to be given up. */
 static struct VDisk *read_report(Reader *reader, const struct VDiskEntry *vde)
 {
     vde_dump(vde);

@@ -20,8 +20,7 @@ static FILE *table_open(const char *op, const char *path)
     return file;
 }
 
-/* Reads up to the next line that says something, without its newline. Returns 1, 0 at the end of the file, or
- * -1. */
+/* Reads up to the next line that says something, without its newline. Returns 1, 0 at the end of the file, or -1. */
 static int table_next_line(const char *op, const char *path, FILE *file, char (&ln)[256])
 {
     while (fgets(ln, sizeof(ln), file)) {
@@ -106,8 +105,7 @@ static int host_parse(struct Host *host, const char *text)
 }
 
 /* `kind` is the address's in the failure line, `label` the record's in the debug line. */
-static int add_host(const char *op, struct HostList *hosts, const char *text, const char *kind,
-                    const char *label)
+static int add_host(const char *op, struct HostList *hosts, const char *text, const char *kind, const char *label)
 {
     struct Host *host = nullptr;
     if (HostAlloc(&host) < 0)
@@ -163,8 +161,7 @@ int parse_mcast_groups()
     }
     int result = 0;
     char *rest = nullptr;
-    for (char *token = strtok_r(list, ", ", &rest); token && result == 0;
-         token = strtok_r(nullptr, ", ", &rest))
+    for (char *token = strtok_r(list, ", ", &rest); token && result == 0; token = strtok_r(nullptr, ", ", &rest))
         result = add_host(__func__, multicast_groups, token, "multicast", "MULTICAST_GROUP");
     free(list);
     return result;

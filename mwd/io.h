@@ -39,8 +39,7 @@ int fd_close(int fd);
 /* ftruncate(2) to `length` bytes, repeated after EINTR with a warning. Returns 0 or -1. */
 int fd_truncate(int fd, uint64_t length);
 
-/* Makes `fd` blocking if `blocking` is above 0, else non-blocking. Returns 0; -1 or -2 for the F_GETFL or
- * F_SETFL. */
+/* Makes `fd` blocking if `blocking` is above 0, else non-blocking. Returns 0; -1 or -2 for the F_GETFL or F_SETFL. */
 int fd_blocking(int fd, int blocking);
 
 /* Closes a descriptor at the end of its scope; -1 stands for none. */
@@ -72,8 +71,7 @@ int tcp_listen(const char *addr, int port, int backlog);
  */
 int tcp_accept(int so, char *inet_addr, int *inet_port);
 
-/* Keep-alive with `idle` and `interval` seconds and `count` probes. Returns 0; -1 to -4 for the option that
- * failed. */
+/* Keep-alive with `idle` and `interval` seconds and `count` probes. Returns 0; -1 to -4 for the option that failed. */
 int tcp_keepalive(int so, int idle, int interval, int count);
 
 /* SO_LINGER, `linger` in seconds. Returns 0 or -1, like the three below. */

@@ -127,7 +127,7 @@ constexpr size_t AUX_PING_LEN = AUX_PING_OFFSET + sizeof(AuxPingData);
 constexpr size_t DS_PING_LEN = sizeof(Hdr) + sizeof(DatastoreEntry);
 constexpr size_t VDISK_DELETED_LEN = sizeof(Hdr) + sizeof(VDiskDeleteEntry);
 
-#define NETLIB_ASSERT_RECORD(record, size)                                                                   \
+#define NETLIB_ASSERT_RECORD(record, size)                                                                             \
     static_assert(sizeof(record) == (size) && alignof(record) == 1 && std::is_trivially_copyable_v<record>)
 #define NETLIB_ASSERT_FIELD(record, field, offset) static_assert(offsetof(record, field) == (offset))
 
@@ -222,12 +222,10 @@ int open_socket(const struct sockaddr_in *bind_addr);
 /* Puts the IPv4 address of the network interface into *if_addr. Returns 0, or -1 after an error line. */
 int get_interface_addr(const char *interface, struct sockaddr_in *if_addr);
 
-/* Has `so` send multicast from the interface of `if_addr`, unheard by this host. Returns 0, or -1 after an
- * error line. */
+/* Has `so` send multicast from the interface of `if_addr`, unheard by this host. 0, or -1 after an error line. */
 int set_mcast_socket(int so, const struct sockaddr_in *if_addr);
 
-/* Joins the group `mcast_addr`, dotted text, on the interface of `if_addr`. Returns 0, or -1 after an error
- * line. */
+/* Joins the group `mcast_addr`, dotted text, on the interface of `if_addr`. Returns 0, or -1 after an error line. */
 int add_mcast_membership(int so, const char *mcast_addr, const struct sockaddr_in *if_addr);
 
 #endif

@@ -221,8 +221,7 @@ int VDiskLoad(const struct Node *node, struct VDisk *vdisk);
  */
 int VDiskGone(const struct Hdr *hdr, struct VDisk *vdisk);
 
-/* Links the Snapshot in its parent; 0 too if the parent is not in the tree. Under the parent's lock, like the
- * below. */
+/* Links the Snapshot in its parent; 0 too if the parent is not in the tree. Under the parent's lock, like the below. */
 int ParentUpdate_RefSnapshot(struct VDisk *vdisk);
 /* Removes that link; 0 too if there is none. */
 int ParentUpdate_UnrefSnapshot(struct VDisk *vdisk);

@@ -36,16 +36,14 @@ static int ref_node(const Record &record, const struct DatastoreEntry *dse, uint
     char target[TARGET_LEN];
     if (text_format(target, sizeof(target), "../../../Node/%s", nodeuuid) < 0)
         return -1;
-    log_info_as(record.op, "Update Datastore %.*s ref Node %s", static_cast<int>(UUID_WIDTH), dse->uuid,
-                nodeuuid);
+    log_info_as(record.op, "Update Datastore %.*s ref Node %s", static_cast<int>(UUID_WIDTH), dse->uuid, nodeuuid);
     const Record members = {record.op, record.path, "/members", "", dir.fd};
     return record_symlink(members, nodeuuid, target);
 }
 
 static int store_datastore(const Record &record, const struct DatastoreEntry *dse, uint32_t uid)
 {
-    if (store_attributes(record, dse) < 0 || record_mkdir(record, "vdisks") < 0 ||
-        record_mkdir(record, "members") < 0)
+    if (store_attributes(record, dse) < 0 || record_mkdir(record, "vdisks") < 0 || record_mkdir(record, "members") < 0)
         return -1;
     return ref_node(record, dse, uid);
 }
@@ -55,8 +53,7 @@ int DatastoreCreate(const struct Hdr *hdr, const struct DatastoreEntry *dse)
     log_info("Create Datastore %.*s", static_cast<int>(UUID_WIDTH), dse->uuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Datastore", cfg_work_directory) < 0 ||
-        path_mkdir(__func__, path) < 0 ||
+    if (text_format(path, sizeof(path), "%s/Datastore", cfg_work_directory) < 0 || path_mkdir(__func__, path) < 0 ||
         text_format(path, sizeof(path), "%s/Datastore/%.*s", cfg_work_directory, static_cast<int>(UUID_WIDTH),
                     dse->uuid) < 0 ||
         path_mkdir(__func__, path) < 0)
@@ -89,8 +86,7 @@ int DatastoreLoad(const char *dsuuid, struct DatastoreEntry *dse)
         record_load_text(record, "name", dse->name, sizeof(dse->name)) < 0 ||
         record_load_text(record, "description", dse->description, sizeof(dse->description)) < 0 ||
         record_load_u32(record, "sector_size", &sector_size) < 0 ||
-        record_load_u32(record, "replicas", &replicas) < 0 ||
-        record_load_u32(record, "stripes", &stripes) < 0 ||
+        record_load_u32(record, "replicas", &replicas) < 0 || record_load_u32(record, "stripes", &stripes) < 0 ||
         record_load_u32(record, "overcommit", &overcommit) < 0)
         return -1;
     dse->sector_size = sector_size;
@@ -105,8 +101,7 @@ int DatastoreUpdate_UnrefNode(const char *dsuuid, const char *nodeuuid)
     log_info("Update Datastore %s unref Node %s", dsuuid, nodeuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Datastore/%s/members/%s", cfg_work_directory, dsuuid, nodeuuid) <
-            0 ||
+    if (text_format(path, sizeof(path), "%s/Datastore/%s/members/%s", cfg_work_directory, dsuuid, nodeuuid) < 0 ||
         path_unlink(__func__, path) < 0 ||
         text_format(path, sizeof(path), "%s/Datastore/%s/members", cfg_work_directory, dsuuid) < 0)
         return -1;

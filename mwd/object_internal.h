@@ -91,8 +91,7 @@ int record_store_string(const Record &record, const char *key, const char *value
 /* A text field of `width` bytes. */
 int record_store_text(const Record &record, const char *key, const char *field, size_t width);
 
-/* Each reads one value and logs it at debug level. Returns 0, or -1 after the line "Failed to load PATH/KEY:
- * RESULT". */
+/* Each reads one value and logs it at debug level. Returns 0, or -1 after "Failed to load PATH/KEY: RESULT". */
 int record_load_u32(const Record &record, const char *key, uint32_t *value);
 int record_load_u64(const Record &record, const char *key, uint64_t *value);
 /* A text field of `width` bytes, zeroed before. */
@@ -100,8 +99,7 @@ int record_load_text(const Record &record, const char *key, char *field, size_t 
 /* As StringLoad, with no line for a success. Returns the length, or -1 after the line above. */
 int record_load_string(const Record &record, const char *key, char *dst, size_t dst_len);
 
-/* Makes a directory in the record after the line "PATH/NAME [MKDIR]"; one that exists is fine. Returns 0 or
- * -1. */
+/* Makes a directory in the record after the line "PATH/NAME [MKDIR]"; one that exists is fine. Returns 0 or -1. */
 int record_mkdir(const Record &record, const char *name);
 /* The same, but one that exists is a failure. */
 int record_mkdir_new(const Record &record, const char *name);
@@ -113,8 +111,7 @@ int record_symlink(const Record &record, const char *name, const char *target);
  */
 void record_sync_close(const Record &record);
 
-/* Makes the directory `path` after the line "PATH [MKDIR]", for operation `op`; one that exists is fine. 0 or
- * -1. */
+/* Makes the directory `path` after the line "PATH [MKDIR]", for operation `op`; one that exists is fine. 0 or -1. */
 int path_mkdir(const char *op, const char *path);
 /* The same, but one that exists is a failure. */
 int path_mkdir_new(const char *op, const char *path);
@@ -151,20 +148,18 @@ int MemberinfoDelete(struct VDisk *vdisk, const char *nodeuuid);
 int MembershipStore(struct VDisk *vdisk, const char *vdiskpath, int vdiskfd);
 /* Reads a list, empty before, and its count, if it has any element. On failure the list is empty. */
 int MembershipLoad(struct MemberList *members, int *members_count, const char *vdiskpath, int vdiskfd);
-int FrontendsLoad(struct FrontendList *frontends, int *frontends_count, const char *vdiskpath,
-                  const char *nodeuuid, int mbfd);
-/* The links of a VDisk in its nodes and its datastore: Ref under the caller's lock, Unref takes the lock
- * itself. */
+int FrontendsLoad(struct FrontendList *frontends, int *frontends_count, const char *vdiskpath, const char *nodeuuid,
+                  int mbfd);
+/* The links of a VDisk in its nodes and its datastore: Ref under the caller's lock, Unref takes the lock itself. */
 int NodeUpdate_RefVDisk(const char *nodeuuid, const char *vdiskuuid);
 int NodeUpdate_UnrefVDisk(const char *nodeuuid, const char *vdiskuuid);
 int DatastoreUpdate_RefVDisk(const char *dsuuid, const char *vdiskuuid);
 int DatastoreUpdate_UnrefVDisk(const char *vdiskuuid);
 
 /* The update path of VDiskCreate, on the open directories of the VDisk and of its member records. */
-int VDiskUpdate(const struct Hdr *hdr, struct VDisk *vdisk, const char *vdiskpath, const char *nodeuuid,
-                int vdiskfd, int mbtopfd);
-/* Runs the fence-check program and waits for it. Its result has no effect; -1 if it could not be run or
- * awaited. */
+int VDiskUpdate(const struct Hdr *hdr, struct VDisk *vdisk, const char *vdiskpath, const char *nodeuuid, int vdiskfd,
+                int mbtopfd);
+/* Runs the fence-check program and waits for it. Its result has no effect; -1 if it could not be run or awaited. */
 int FenceCheck(struct VDisk *vdisk, const char *nodeuuid);
 
 #endif

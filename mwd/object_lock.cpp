@@ -21,8 +21,7 @@ static const char *owner_text()
     return owner;
 }
 
-/* Writes the owner into the lock file just made and closes it. After a failure the file stays: nobody unlocks
- * it. */
+/* Writes the owner into the lock file just made and closes it. After a failure the file stays: nobody unlocks it. */
 static int lock_take(const char *op, int fd, const char *path)
 {
     FdGuard guard(fd);
@@ -73,7 +72,7 @@ void PathUnlock(const char *path)
 /* The files: what each record's lock is called. The number and the text of a node come to the same name. */
 #define NODE_LOCK(path, nodeid) text_format(path, sizeof(path), "/tmp/NODE-%u", nodeid)
 #define NODE_LOCK_STR(path, nodeuuid) text_format(path, sizeof(path), "/tmp/NODE-%s", nodeuuid)
-#define DATASTORE_LOCK(path, dse)                                                                            \
+#define DATASTORE_LOCK(path, dse)                                                                                      \
     text_format(path, sizeof(path), "/tmp/DS-%.*s", static_cast<int>(UUID_WIDTH), (dse)->uuid)
 #define DATASTORE_LOCK_STR(path, dsuuid) text_format(path, sizeof(path), "/tmp/DS-%s", dsuuid)
 #define VDISK_LOCK(path, uuid) text_format(path, sizeof(path), "/tmp/VDISK-%s", uuid)

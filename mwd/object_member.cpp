@@ -31,10 +31,8 @@ static char *list_alloc(const char *op, size_t count)
 static int store_attributes(const Record &record, const struct VDiskEntry *vde)
 {
     if (record_store_u32(record, "membership_gen_count", ntohs(vde->name.mshipgencnt)) < 0 ||
-        record_store_u64(record, "numkeys", vde->numkeys) < 0 ||
-        record_store_u64(record, "seqno", vde->seqno) < 0 ||
-        record_store_u32(record, "status", vde->status) < 0 ||
-        record_store_u32(record, "port", vde->port) < 0 ||
+        record_store_u64(record, "numkeys", vde->numkeys) < 0 || record_store_u64(record, "seqno", vde->seqno) < 0 ||
+        record_store_u32(record, "status", vde->status) < 0 || record_store_u32(record, "port", vde->port) < 0 ||
         record_store_u32(record, "st_mem", vde->st_mem) < 0)
         return -1;
     return vde->snapshot == 0 ? record_store_u32(record, "snap_limit", SNAP_LIMIT) : 0;
@@ -122,8 +120,8 @@ int MemberinfoDelete(struct VDisk *vdisk, const char *nodeuuid)
     log_info("Update VDisk %s delete Member %s", vdisk->vdiskuuid, nodeuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk/%s/memberinfo/%s", cfg_work_directory, vdisk->vdiskuuid,
-                    nodeuuid) < 0 ||
+    if (text_format(path, sizeof(path), "%s/VDisk/%s/memberinfo/%s", cfg_work_directory, vdisk->vdiskuuid, nodeuuid) <
+            0 ||
         path_remove_tree(__func__, path) != 0)
         return -1;
     return NodeUpdate_UnrefVDisk(nodeuuid, vdisk->vdiskuuid);
@@ -213,8 +211,7 @@ int DatastoreUpdate_UnrefVDisk(const char *vdiskuuid)
         return -1;
     }
     const char *dsuuid = slash + 1;
-    if (text_format(path, sizeof(path), "%s/Datastore/%s/vdisks/%s", cfg_work_directory, dsuuid, vdiskuuid) <
-            0 ||
+    if (text_format(path, sizeof(path), "%s/Datastore/%s/vdisks/%s", cfg_work_directory, dsuuid, vdiskuuid) < 0 ||
         DatastoreLockStr(dsuuid) < 0)
         return -1;
     log_info("Update Datastore %s unref VDisk %s", dsuuid, vdiskuuid);
@@ -242,8 +239,7 @@ int MembershipStore(struct VDisk *vdisk, const char *vdiskpath, int vdiskfd)
     return AttrStore(vdiskfd, "membership", "%s", text.buf) < 0 ? -1 : 0;
 }
 
-/* Terminates the line that starts at *next and moves *next behind it. Null at `end`; a newline stands before
- * it. */
+/* Terminates the line that starts at *next and moves *next behind it. Null at `end`; a newline stands before it. */
 static char *next_line(char **next, const char *end)
 {
     char *line = *next;
@@ -330,8 +326,8 @@ static int add_frontend(const Record &record, struct FrontendList *frontends, co
     return 0;
 }
 
-int FrontendsLoad(struct FrontendList *frontends, int *frontends_count, const char *vdiskpath,
-                  const char *nodeuuid, int mbfd)
+int FrontendsLoad(struct FrontendList *frontends, int *frontends_count, const char *vdiskpath, const char *nodeuuid,
+                  int mbfd)
 {
     FdGuard file(fd_openat(mbfd, "frontend", O_RDONLY, 0));
     if (file.fd < 0)

@@ -27,8 +27,7 @@ static int store_version(const Record &record, const struct Hdr *hdr)
 static int store_identity(const Record &record, const struct Hdr *hdr)
 {
     if (store_version(record, hdr) < 0 || record_store_u32(record, "uuid", hdr->uid) < 0 ||
-        record_store_u32(record, "status", 1) < 0 ||
-        record_store_u32(record, "nodestatus", hdr->nodestatus) < 0 ||
+        record_store_u32(record, "status", 1) < 0 || record_store_u32(record, "nodestatus", hdr->nodestatus) < 0 ||
         record_store_text(record, "vendor", hdr->vendor, sizeof(hdr->vendor)) < 0 ||
         record_store_text(record, "model", hdr->model, sizeof(hdr->model)) < 0 ||
         record_store_u32(record, "freespace", hdr->revision.freespace) < 0 ||
@@ -56,8 +55,7 @@ static int store_size(const Record &record, const struct Hdr *hdr)
         }
         size = 0;
     }
-    if (record_store_u32(record, "size", size) < 0 ||
-        record_store_string(record, "backupchannel", backupchannel) < 0)
+    if (record_store_u32(record, "size", size) < 0 || record_store_string(record, "backupchannel", backupchannel) < 0)
         return -1;
     return 0;
 }
@@ -69,9 +67,8 @@ static int store_lastping(const Record &record, time_t now)
 
 static int store_node(const Record &record, const struct Hdr *hdr, const char *ipaddr)
 {
-    if (record_mkdir(record, "vdisks") < 0 || store_identity(record, hdr) < 0 ||
-        store_size(record, hdr) < 0 || record_store_string(record, "ipaddr", ipaddr) < 0 ||
-        store_lastping(record, time(nullptr)) < 0)
+    if (record_mkdir(record, "vdisks") < 0 || store_identity(record, hdr) < 0 || store_size(record, hdr) < 0 ||
+        record_store_string(record, "ipaddr", ipaddr) < 0 || store_lastping(record, time(nullptr)) < 0)
         return -1;
     return 0;
 }
@@ -83,8 +80,8 @@ int NodeCreate(const struct Hdr *hdr, const char *ipaddr)
     log_info("Create Node %u", hdr->uid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node", cfg_work_directory) < 0 ||
-        path_mkdir(__func__, path) < 0 || node_path(path, hdr->uid) < 0 || path_mkdir(__func__, path) < 0)
+    if (text_format(path, sizeof(path), "%s/Node", cfg_work_directory) < 0 || path_mkdir(__func__, path) < 0 ||
+        node_path(path, hdr->uid) < 0 || path_mkdir(__func__, path) < 0)
         return -1;
     int dirfd = dir_open(path);
     if (dirfd < 0)

@@ -84,8 +84,8 @@ int record_load_text(const Record &record, const char *key, char *field, size_t 
     int length = record_load_string(record, key, field, width);
     if (length < 0)
         return -1;
-    log_debug_as(record.op, RECORD_PATH "/%s=%.*s (%d)", RECORD_ARGS(record), key, static_cast<int>(width),
-                 field, length);
+    log_debug_as(record.op, RECORD_PATH "/%s=%.*s (%d)", RECORD_ARGS(record), key, static_cast<int>(width), field,
+                 length);
     return 0;
 }
 

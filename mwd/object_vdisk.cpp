@@ -34,10 +34,10 @@ static unsigned int generation_of(const struct VDisk *vdisk)
 static int store_snaptime(const Record &record, const struct VDiskEntry *vde)
 {
     const auto &snap = vde->description.snap;
-    log_debug_as(record.op, RECORD_PATH "/snaptime=%02d-%02d-%02d_%02d.%02d.%02d", RECORD_ARGS(record),
-                 snap.y, snap.m, snap.d, snap.H, snap.M, snap.S);
-    int result = AttrStore(record.dirfd, "snaptime", "%02d-%02d-%02d_%02d.%02d.%02d\n", snap.y, snap.m,
-                           snap.d, snap.H, snap.M, snap.S);
+    log_debug_as(record.op, RECORD_PATH "/snaptime=%02d-%02d-%02d_%02d.%02d.%02d", RECORD_ARGS(record), snap.y, snap.m,
+                 snap.d, snap.H, snap.M, snap.S);
+    int result = AttrStore(record.dirfd, "snaptime", "%02d-%02d-%02d_%02d.%02d.%02d\n", snap.y, snap.m, snap.d, snap.H,
+                           snap.M, snap.S);
     return result < 0 ? -1 : 0;
 }
 
@@ -62,8 +62,7 @@ static int store_base(const Record &record, const struct VDisk *vdisk)
         record_store_u32(record, "sector_size", vde.sector_size) < 0 ||
         record_store_u64(record, "sectors", vde.sectors) < 0 ||
         record_store_u32(record, "replicas", vde.replicas) < 0 ||
-        record_store_u32(record, "st_mems", vde.st_mems) < 0 ||
-        record_store_u32(record, "st_size", vde.st_size) < 0 ||
+        record_store_u32(record, "st_mems", vde.st_mems) < 0 || record_store_u32(record, "st_size", vde.st_size) < 0 ||
         record_store_u32(record, "snapshot", vde.snapshot) < 0 || store_kind(record, &vde) < 0)
         return -1;
     return record_store_u32(record, "highest_gen_count", generation_of(vdisk));
@@ -79,8 +78,8 @@ static int make_member_record(const Record &memberinfo, const char *nodeuuid)
 
 /* The create path: fills the directory just made. What it leaves undone on failure, no later report makes up.
  */
-static int create_vdisk(const struct Hdr *hdr, struct VDisk *vdisk, const Record &record,
-                        const Record &memberinfo, const char *nodeuuid)
+static int create_vdisk(const struct Hdr *hdr, struct VDisk *vdisk, const Record &record, const Record &memberinfo,
+                        const char *nodeuuid)
 {
     log_info_as(record.op, "Create VDisk %s by Node %s", vdisk->vdiskuuid, nodeuuid);
     if (store_base(record, vdisk) < 0 || MembershipStore(vdisk, record.path, record.dirfd) < 0)
@@ -113,8 +112,7 @@ int VDiskCreate(const struct Hdr *hdr, struct VDisk *vdisk)
     rewrite_old_generation(hdr, &vdisk->vde);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk", cfg_work_directory) < 0 ||
-        path_mkdir(__func__, path) < 0 ||
+    if (text_format(path, sizeof(path), "%s/VDisk", cfg_work_directory) < 0 || path_mkdir(__func__, path) < 0 ||
         text_format(path, sizeof(path), "%s/VDisk/%s", cfg_work_directory, vdisk->vdiskuuid) < 0)
         return -1;
 
@@ -141,8 +139,7 @@ int VDiskCreate(const struct Hdr *hdr, struct VDisk *vdisk)
 
 /* Opens the sender's record and stores `seqno`, which every report renews. *mbfd is -1 if there is no record.
  */
-static int renew_seqno(const Record &memberinfo, const struct VDisk *vdisk, const char *nodeuuid,
-                       FdGuard *mbfd)
+static int renew_seqno(const Record &memberinfo, const struct VDisk *vdisk, const char *nodeuuid, FdGuard *mbfd)
 {
     int missing = entry_missing(memberinfo.dirfd, nodeuuid);
     if (missing != 0)
@@ -193,8 +190,8 @@ static int replace_membership(const Record &record, struct VDisk *vdisk)
     return result;
 }
 
-int VDiskUpdate(const struct Hdr *, struct VDisk *vdisk, const char *vdiskpath, const char *nodeuuid,
-                int vdiskfd, int mbtopfd)
+int VDiskUpdate(const struct Hdr *, struct VDisk *vdisk, const char *vdiskpath, const char *nodeuuid, int vdiskfd,
+                int mbtopfd)
 {
     log_info("Update VDisk %s by Node %s", vdisk->vdiskuuid, nodeuuid);
 

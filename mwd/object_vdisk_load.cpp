@@ -12,16 +12,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-/* The one attribute that a VDisk need not have: it is there during a transaction of the host's other
- * programs. */
+/* The one attribute that a VDisk need not have: it is there during a transaction of the host's other programs. */
 static int load_transaction_id(const Record &record, struct VDiskEntry *vde)
 {
     struct stat st;
     if (fstatat(record.dirfd, "transaction_id", &st, AT_SYMLINK_NOFOLLOW) < 0) {
         if (errno == ENOENT)
             return 0;
-        log_error_as(record.op, "lstat(" RECORD_PATH "/transaction_id): %s", RECORD_ARGS(record),
-                     strerror(errno));
+        log_error_as(record.op, "lstat(" RECORD_PATH "/transaction_id): %s", RECORD_ARGS(record), strerror(errno));
         return -1;
     }
     uint32_t transaction_id;
@@ -37,12 +35,9 @@ static int load_common(const Record &record, struct VDiskEntry *vde)
     uint64_t sectors;
     if (record_load_text(record, "uuid", vde->uuid, sizeof(vde->uuid)) < 0 ||
         record_load_text(record, "name", vde->name.name, sizeof(vde->name.name)) < 0 ||
-        record_load_u32(record, "sector_size", &sector_size) < 0 ||
-        record_load_u64(record, "sectors", &sectors) < 0 ||
-        record_load_u32(record, "replicas", &replicas) < 0 ||
-        record_load_u32(record, "st_mems", &st_mems) < 0 ||
-        record_load_u32(record, "st_size", &st_size) < 0 ||
-        record_load_u32(record, "snapshot", &snapshot) < 0)
+        record_load_u32(record, "sector_size", &sector_size) < 0 || record_load_u64(record, "sectors", &sectors) < 0 ||
+        record_load_u32(record, "replicas", &replicas) < 0 || record_load_u32(record, "st_mems", &st_mems) < 0 ||
+        record_load_u32(record, "st_size", &st_size) < 0 || record_load_u32(record, "snapshot", &snapshot) < 0)
         return -1;
     vde->sector_size = sector_size;
     vde->sectors = sectors;
@@ -70,8 +65,8 @@ static int load_snaptime(const Record &record, struct VDiskEntry *vde)
     snap.H = static_cast<uint8_t>(H);
     snap.M = static_cast<uint8_t>(M);
     snap.S = static_cast<uint8_t>(S);
-    log_debug_as(record.op, RECORD_PATH "/snaptime=%02d-%02d-%02d_%02d.%02d.%02d", RECORD_ARGS(record), y, m,
-                 d, H, M, S);
+    log_debug_as(record.op, RECORD_PATH "/snaptime=%02d-%02d-%02d_%02d.%02d.%02d", RECORD_ARGS(record), y, m, d, H, M,
+                 S);
     return 0;
 }
 
@@ -80,12 +75,10 @@ static int load_parent(const Record &record, struct VDisk *vdisk)
     auto &parent = vdisk->vde.description.snap.parent;
     if (record_load_string(record, "parent", parent, sizeof(parent)) < 0)
         return -1;
-    log_debug_as(record.op, RECORD_PATH "/parent=%.*s", RECORD_ARGS(record), static_cast<int>(sizeof(parent)),
-                 parent);
+    log_debug_as(record.op, RECORD_PATH "/parent=%.*s", RECORD_ARGS(record), static_cast<int>(sizeof(parent)), parent);
     uuid_text(vdisk->parentuuid, parent);
     if (!name_usable(vdisk->parentuuid)) {
-        log_error_as(record.op, "Malformed " RECORD_PATH "/parent: %s", RECORD_ARGS(record),
-                     vdisk->parentuuid);
+        log_error_as(record.op, "Malformed " RECORD_PATH "/parent: %s", RECORD_ARGS(record), vdisk->parentuuid);
         return -1;
     }
     return 0;
@@ -97,8 +90,7 @@ static int load_base(const Record &record, struct VDisk *vdisk)
     if (load_transaction_id(record, vde) < 0 || load_common(record, vde) < 0)
         return -1;
     if (vde->snapshot == 0)
-        return record_load_text(record, "description", vde->description.descr,
-                                sizeof(vde->description.descr));
+        return record_load_text(record, "description", vde->description.descr, sizeof(vde->description.descr));
     if (load_snaptime(record, vde) < 0 || load_parent(record, vdisk) < 0)
         return -1;
     return 0;
@@ -182,8 +174,7 @@ static int read_entry(DIR *dir, struct dirent *entry, struct dirent **result)
 #pragma GCC diagnostic pop
 }
 
-/* Puts the VDisk that the link `name` of the directory stands for into the tree; anything but a link is
- * passed over. */
+/* Puts the VDisk that the link `name` of the directory stands for into the tree; anything but a link is passed over. */
 static int attach_vdisk(const char *op, const char *dirpath, const char *name, unsigned int nodeid,
                         struct VDiskTree *vdtp)
 {

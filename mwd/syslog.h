@@ -16,16 +16,12 @@
 #define log_debug(format, ...) log_debug_as(__func__, format __VA_OPT__(, ) __VA_ARGS__)
 
 /* Lines of a step that several operations share, under the name of the operation `op` that it serves. */
-#define log_error_as(op, format, ...)                                                                        \
-    syslog(LOG_ERR, "error: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_warn_as(op, format, ...)                                                                         \
-    syslog(LOG_WARNING, "warn: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_notice_as(op, format, ...)                                                                       \
+#define log_error_as(op, format, ...) syslog(LOG_ERR, "error: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
+#define log_warn_as(op, format, ...) syslog(LOG_WARNING, "warn: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
+#define log_notice_as(op, format, ...)                                                                                 \
     syslog(LOG_NOTICE, "notice: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_info_as(op, format, ...)                                                                         \
-    syslog(LOG_INFO, "info: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_debug_as(op, format, ...)                                                                        \
-    syslog(LOG_DEBUG, "debug: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
+#define log_info_as(op, format, ...) syslog(LOG_INFO, "info: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
+#define log_debug_as(op, format, ...) syslog(LOG_DEBUG, "debug: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
 
 /*
  * Opens the log with cfg_syslog_ident and cfg_syslog_facility and masks the levels behind
