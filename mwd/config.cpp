@@ -5,6 +5,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,8 +57,6 @@ struct ConfigKey {
     bool reopens_log;
 };
 
-static constexpr int INT_ANY = 0x7fffffff;
-
 static constexpr ConfigKey string_key(const char *key, char **value, const char *initial, size_t max = 0)
 {
     return {key, value, initial, max, nullptr, 0, 0, 0, nullptr, false};
@@ -86,7 +85,7 @@ static const ConfigKey config_keys[] = {
     string_key("pid_file", &cfg_pid_file, "/var/run/mwd.pid"),
     string_key("work_directory", &cfg_work_directory, "/marblewell/DB", CFG_WORK_DIRECTORY_MAX),
     string_key("local_nodes", &cfg_local_nodes, "/marblewell/local_nodes"),
-    integer_key("unicast_mode", &cfg_unicast_mode, 0, 0, INT_ANY),
+    integer_key("unicast_mode", &cfg_unicast_mode, 0, 0, INT_MAX),
     string_key("unicast_hosts", &cfg_unicast_hosts, "/marblewell/unicast_hosts"),
     string_key("bind_interface", &cfg_bind_interface, "eth0", 15),
     integer_key("bind_port", &cfg_bind_port, 8000, 1, 65535),

@@ -230,6 +230,10 @@ static int bring_up(struct Loop *loop)
     loop->ctrlso = tcp_listen(cfg_ctrl_address, cfg_ctrl_port, 0);
     if (loop->ctrlso < 0 || fd_blocking(loop->ctrlso, 0) < 0)
         return -1;
+    if (std::max(loop->so, loop->ctrlso) >= FD_SETSIZE) { /* a starter that left that many files open */
+        log_error_as(loop_op, "Descriptor %d not below %d", std::max(loop->so, loop->ctrlso), FD_SETSIZE);
+        return -1;
+    }
     if (cfg_unicast_mode == 0 && bring_up_multicast(loop->so, &if_addr) < 0)
         return -1;
     watch_connections(loop);
