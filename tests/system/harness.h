@@ -1,7 +1,7 @@
 /*
- * What the system tests are made of: hosts (network and mount namespaces with a /tmp of their own), real
- * daemons started in them, messages as peers send them, and the database tree as a map. A host's files are
- * all below /mnt: mwd, mwd.conf, the tree in DB, the two tables, and what a test puts there.
+ * What the system tests are made of: hosts (a network and a mount namespace, with a /tmp of their own), real daemons
+ * started in them, messages as peers send them, and the database tree as a map. A host's files are below /mnt: the
+ * daemon mwd, mwd.conf, the tree in DB, both tables, and what a test puts there.
  */
 #ifndef TESTS_SYSTEM_HARNESS_H
 #define TESTS_SYSTEM_HARNESS_H
@@ -15,15 +15,18 @@
 #include <vector>
 
 using Lines = std::vector<std::string>;
+using Uids = std::vector<uint32_t>;
 /* Path below the root of the tree -> content of a file, "-> target" of a link, "/" of a directory. */
 using Tree = std::map<std::string, std::string>;
 
-Tree operator+(Tree a, const Tree &b);
-/* What differs, a line each, newlines in contents shown as "|": "+path: new", "-path: old", "~path: old =>
- * new". */
+/*
+ * The tree after edits, separated by blanks, of paths below `dir`: "path=a|b" is a file of the lines a and b, "path:a"
+ * one that holds "a" without a newline, "path>target" a link, "path/" a directory; "-path" is gone with all below it.
+ */
+Tree edit(Tree tree, const std::string &edits, const std::string &dir = "");
+/* What differs, a line each, with "|" for a newline: "+path: now", "-path: before", "~path: before => now". */
 std::string diff(const Tree &before, const Tree &after);
 
-/* Fills a text field of a record. */
 template <size_t N> void set(char (&field)[N], std::string_view text)
 {
     for (size_t i = 0; i < N; i++)
@@ -34,50 +37,46 @@ template <typename Record> std::string bytes(const Record &record)
     return {reinterpret_cast<const char *>(&record), sizeof(record)};
 }
 
-/* Messages: every field holds a value of its own. A report is a VDiskEntry and its lists. */
-Hdr header(uint8_t type, uint32_t uid, uint8_t major = 2, uint8_t minor = 1);
+/* Messages, with a value of its own in every field. A report is a VDiskEntry with its lists. */
+Hdr header(uint8_t type, uint32_t uid);
 std::string message(uint8_t type, uint32_t uid, const std::string &body = "");
-DatastoreEntry datastore(const char *uuid);
-AuxPingData capacity();
+std::string ds_ping(uint32_t uid, const char *dsuuid);
+std::string aux_ping(uint32_t uid);
+std::string vdisk_deleted(uint32_t uid, const char *uuid);
 VDiskEntry plain(const char *uuid, unsigned gen = 5);
 VDiskEntry snapshot(const char *uuid, const char *parent, unsigned gen = 5);
-std::string report(VDiskEntry vde, const std::vector<uint32_t> &members = {7},
-                   const std::vector<uint32_t> &frontends = {0x0a000001});
-std::string deleted(uint32_t node, const char *uuid);
+std::string report(VDiskEntry vde, const Uids &members = {7}, const Uids &frontends = {0x0a000001});
 
-/* The same as records, whole, as this host's other programs write them for a local node. */
-Tree node_record(uint32_t uid, const std::string &dsuuid = "");
-Tree datastore_record(const std::string &uuid, const std::vector<uint32_t> &members = {});
-Tree vdisk_record(const VDiskEntry &vde, const std::vector<uint32_t> &members = {7}, const std::string &dsuuid = "");
+/* The same as records, whole, as the host's other programs write them for local nodes. */
+Tree node_record(const std::string &uid, const std::string &dsuuid = "");
+Tree datastore_record(const std::string &uuid, const std::string &member = "");
+Tree vdisk_record(const VDiskEntry &vde, const Lines &members = {"7"}, const std::string &dsuuid = "");
+Tree operator+(Tree a, const Tree &b);
 
 class Host
 {
   public:
-    /* `number` is the last part of its address on a wire. */
-    explicit Host(int number = 1);
+    explicit Host(int number_ = 1);
     ~Host();
     Host(const Host &) = delete;
 
     std::string path(const std::string &inside) const;
     std::string read(const std::string &inside) const;
     void write(const std::string &inside, const std::string &content);
-    void put(const Tree &tree); /* into /mnt/DB */
-    Tree tree() const;          /* of /mnt/DB, with every "lastping" that holds the time of now as "now" */
+    void remove(const std::string &inside);
+    void put(const Tree &tree); /* into /mnt/DB, over what is there */
+    Tree tree() const;          /* of /mnt/DB; a "lastping" of this hour reads "now" */
     Lines locks() const;        /* what lies in /tmp */
-    void lock(const std::string &name);
-    void unlock(const std::string &name);
     void set_clock(int64_t seconds);
     void shell(const std::string &command);
-    /* A socket of this host's network: UDP bound there, or TCP connected there. */
-    int udp(const char *address, int port);
-    int tcp(const char *address, int port);
+    /* A socket in this host's network: UDP bound to the address, or TCP connected to it. */
+    int socket(int type, const char *address, int port);
     pid_t spawn(const Lines &argv, int stderr_fd);
 
-    const int number;
-    int peer; /* 127.0.0.2, port 8000: the only host in the table unicast_hosts at first */
+    const int number; /* the last part of its address on a wire */
+    int peer;         /* 127.0.0.2, port 8000: whom its table unicast_hosts names at first */
 
   private:
-    int open_socket(int type, const char *address, int port);
     pid_t holder;
 };
 
@@ -85,56 +84,54 @@ class Host
 void wire(Host &a, Host &b);
 /* All datagrams that wait at the socket. */
 Lines drain(int so);
-/* Takes a program to its end and returns its exit status, 128 + signal if it was killed. */
+/* Waits for the end of a process. Returns its exit status, 128 + the signal if one killed it. */
 int wait_for_exit(pid_t pid);
 
 /* What may stand in front of the daemon's command line. */
-Lines strace(const Lines &options); /* into /mnt/strace */
+Lines strace(const Lines &options); /* writes /mnt/strace */
 Lines stopped_clock();              /* time is what Host::set_clock says */
 
-/* A running daemon in unicast mode on loopback, with timers that are not due and locks that do not wait. */
+/* The configuration that daemons start from: unicast mode on loopback, no timer due, no waiting for locks. */
+extern const char base_config[];
+
 class Daemon
 {
   public:
-    explicit Daemon(Host &on, const std::string &config = "", const Lines &prefix = {}, const Lines &options = {"-dd"});
-    ~Daemon(); /* stops it, if it still runs, and checks that it was sound: status, descriptors, lock files */
+    explicit Daemon(Host &on, const std::string &config = "", const Lines &prefix = {}, const char *options = "-dd");
+    ~Daemon(); /* stops it, if it still runs, and checks its status, descriptors and locks */
     Daemon(const Daemon &) = delete;
 
     void send(const std::string &datagram);
-    /* Waits until all that was sent is handled. Returns the lines above info since the last call, each with a newline.
-     */
+    /* Waits until all that was sent is handled. Returns the lines above info since the last call. */
     std::string sync();
     std::string apply(const std::string &datagram);
-    std::string publish(); /* SIGUSR1, and the pass that it forces */
-    std::string change(const std::string &datagram, std::string *log = nullptr); /* what it changes in the tree */
-    Lines sent();                                      /* datagrams at the peer, none left there */
-    std::string wait_for(const std::string &text);     /* a line that contains it, since the last sync */
-    bool logged(const std::string &text) const;        /* in the step that the last sync ended */
-    std::string step(const std::string &prefix) const; /* lines of that step that begin so */
-    void signal(int number);
-    int stop(int number = SIGTERM);
+    std::string publish(); /* SIGUSR1 and the pass that it forces */
+    /* Applies a message that must change the tree as told and log these lines above info. */
+    void check(const std::string &datagram, const std::string &edits, const std::string &lines = "");
+    void check(const std::string &datagram, const Tree &after, const std::string &lines = "");
+    Lines sent();                                     /* the datagrams at the host's peer, none of which stays there */
+    std::string wait_for(const std::string &text);    /* a line that holds it, since the last sync */
+    std::string step(const std::string &begin) const; /* the lines of the last sync's step that begin so */
+    int stop(int signal = SIGTERM);
     int descriptors() const;
 
     Host &host;
     Lines log; /* every line so far, without ident and process number */
-    pid_t pid = -1;
+    pid_t pid;
 
   private:
-    bool pump(int timeout_ms);
-    int err;
-    int shorts = 0; /* datagrams sent that are too short to be counted */
-    int descriptors_at_start = 0;
-    size_t begin = 0, end = 0; /* of the last step, in `log` */
+    bool pump();
+    int err, shorts = 0; /* datagrams sent that are too short for a header */
+    int descriptors_at_start;
+    size_t first = 0, next = 0; /* bounds of the last step in `log` */
+    std::string rest;           /* of a line that is not yet whole */
 };
 
-/* Runs the daemon to its end with the configuration file `config` as it stands. */
+/* Runs the daemon to its end with this configuration and nothing more. */
 struct Ended {
     int status;
     std::string err;
 };
-Ended run(Host &host, const std::string &config, const Lines &options = {"-C", "/mnt/mwd.conf"});
-
-/* The configuration that Daemon starts from. */
-extern const char base_config[];
+Ended run(Host &host, const std::string &config, const Lines &options = {"-dd", "-C", "/mnt/mwd.conf"});
 
 #endif
