@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -20,56 +19,62 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-
 constexpr int DEADLINE_MS = 60000;
+static const char too_short[] = "error: controller_thread_loop(): Malformed packet? #1";
+const char base_config[] =
+    "pid_file = /mnt/mwd.pid\nwork_directory = /mnt/DB\nlocal_nodes = /mnt/local_nodes\nunicast_mode = 1\n"
+    "unicast_hosts = /mnt/unicast_hosts\nbind_interface = lo\nfence_check = /mnt/fence\nstats_interval = 86400\n"
+    "ping_interval = 3600\nheartbeat_interval = 3600\nnode_lock_timeout_ms = 0\ndatastore_lock_timeout_ms = 0\n"
+    "vdisk_lock_timeout_ms = 0\n";
 
-const char base_config[] = "pid_file = /mnt/mwd.pid\nwork_directory = /mnt/DB\nlocal_nodes = /mnt/local_nodes\n"
-                           "unicast_mode = 1\nunicast_hosts = /mnt/unicast_hosts\nbind_interface = lo\n"
-                           "node_lock_timeout_ms = 0\ndatastore_lock_timeout_ms = 0\nvdisk_lock_timeout_ms = 0\n"
-                           "fence_check = /mnt/fence\nping_interval = 3600\nheartbeat_interval = 3600\n"
-                           "stats_interval = 86400\n";
-
-static void must(bool ok, const std::string &what)
+static int must(long result, const std::string &what)
 {
-    if (!ok)
+    if (result < 0)
         throw std::system_error(errno, std::generic_category(), what);
+    return static_cast<int>(result);
 }
 
-/* /dev holds null and whatever a test binds there, /tmp the locks, /mnt all the rest. */
-static bool become_host()
+/* What the test's side opens: nothing of it is left open in a daemon. */
+static int open_file(const std::string &path, int flags = O_RDONLY)
 {
-    struct ifreq lo = {};
-    strcpy(lo.ifr_name, "lo");
+    return must(open(path.c_str(), flags | O_CLOEXEC, 0600), path);
+}
+
+/* In a new process: /dev holds null and what a test binds there, /tmp the locks, /mnt all the rest. */
+static void become_host()
+{
+    struct ifreq lo = {{"lo"}, {}};
     lo.ifr_flags = IFF_UP;
-    return prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
-           ioctl(socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFFLAGS, &lo) == 0 &&
-           mount("mnt", "/mnt", "tmpfs", 0, nullptr) == 0 && mkdir("/mnt/dev", 0755) == 0 &&
-           mknod("/mnt/dev/null", S_IFREG | 0666, 0) == 0 &&
-           mount("/dev/null", "/mnt/dev/null", nullptr, MS_BIND, nullptr) == 0 &&
-           mount("/mnt/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0 &&
-           mount("tmp", "/tmp", "tmpfs", 0, nullptr) == 0;
+    must(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
+    must(unshare(CLONE_NEWNET | CLONE_NEWNS), "unshare");
+    must(ioctl(socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFFLAGS, &lo), "lo");
+    must(mount("mnt", "/mnt", "tmpfs", 0, nullptr), "/mnt");
+    must(mkdir("/mnt/dev", 0755), "/mnt/dev");
+    open_file("/mnt/dev/null", O_CREAT);
+    must(mount("/dev/null", "/mnt/dev/null", nullptr, MS_BIND, nullptr), "/dev/null");
+    must(mount("/mnt/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr), "/dev");
+    must(mount("tmp", "/tmp", "tmpfs", 0, nullptr), "/tmp");
 }
 
 Host::Host(int number_) : number(number_)
 {
     int ready[2];
-    must(pipe2(ready, O_CLOEXEC) == 0, "pipe");
-    must((holder = fork()) >= 0, "fork");
+    must(pipe2(ready, O_CLOEXEC), "pipe");
+    holder = must(fork(), "fork");
     if (holder == 0) {
-        bool ok = become_host();
-        must(::write(ready[1], &ok, 1) == 1, "write");
+        become_host();
+        close(ready[1]);
         for (;;)
             pause();
     }
-    bool ok = false;
-    must(::read(ready[0], &ok, 1) == 1 && ok, "namespaces of a host");
-    close(ready[0]);
     close(ready[1]);
+    must(::read(ready[0], &number_, 1), "read"); /* ends when the host is made, or its process died */
+    close(ready[0]);
     fs::copy_file(MWD_BINARY, path("/mnt/mwd"));
     fs::copy_file(MWD_CLOCK, path("/mnt/clock.so"));
     write("/mnt/local_nodes", "");
     write("/mnt/unicast_hosts", "127.0.0.2\n");
-    peer = udp("127.0.0.2", 8000);
+    peer = socket(SOCK_DGRAM, "127.0.0.2", 8000);
 }
 
 Host::~Host()
@@ -93,37 +98,41 @@ std::string Host::read(const std::string &inside) const
 void Host::write(const std::string &inside, const std::string &content)
 {
     std::ofstream file(path(inside), std::ios::binary);
-    file << content;
-    must(file.flush().good(), inside);
+    file << content << std::flush;
+    must(file ? 0 : -1, inside);
+}
+
+void Host::remove(const std::string &inside)
+{
+    fs::remove_all(path(inside));
 }
 
 void Host::put(const Tree &tree)
 {
     fs::create_directory(path("/mnt/DB"));
     for (const auto &[name, value] : tree) {
-        std::string inside = "/mnt/DB/" + name;
         if (value == "/")
-            fs::create_directories(path(inside));
+            fs::create_directories(path("/mnt/DB/" + name));
         else if (value.starts_with("-> "))
-            fs::create_symlink(value.substr(3), path(inside));
+            fs::create_symlink(value.substr(3), path("/mnt/DB/" + name));
         else
-            write(inside, value == "now\n" ? std::to_string(time(nullptr)) + "\n" : value);
+            write("/mnt/DB/" + name, value);
     }
 }
 
 Tree Host::tree() const
 {
     Tree tree;
-    const std::string root = path("/mnt/DB");
+    const std::string root = path("/mnt/DB/");
     for (const auto &entry : fs::recursive_directory_iterator(root)) {
-        std::string name = entry.path().string().substr(root.size() + 1);
+        std::string name = entry.path().string().substr(root.size());
         if (entry.is_symlink())
             tree[name] = "-> " + fs::read_symlink(entry).string();
         else if (entry.is_directory())
             tree[name + "/"] = "/";
         else
             tree[name] = read("/mnt/DB/" + name);
-        if (name.ends_with("/lastping") && labs(strtol(tree[name].c_str(), nullptr, 10) - time(nullptr)) < 300)
+        if (name.ends_with("/lastping") && labs(strtol(tree[name].c_str(), nullptr, 10) - time(nullptr)) < 3600)
             tree[name] = "now\n";
     }
     return tree;
@@ -137,41 +146,32 @@ Lines Host::locks() const
     return names;
 }
 
-void Host::lock(const std::string &name)
-{
-    write("/tmp/" + name, "1\n");
-}
-
-void Host::unlock(const std::string &name)
-{
-    fs::remove(path("/tmp/" + name));
-}
-
+/* In place, since daemons have the file mapped. */
 void Host::set_clock(int64_t seconds)
 {
-    std::fstream file(path("/mnt/clock"), std::ios::binary | std::ios::in | std::ios::out);
-    if (!file.is_open())
-        file.open(path("/mnt/clock"), std::ios::binary | std::ios::out);
-    file.write(reinterpret_cast<const char *>(&seconds), sizeof(seconds));
+    int fd = open_file(path("/mnt/clock"), O_RDWR | O_CREAT);
+    must(::pwrite(fd, &seconds, sizeof(seconds), 0), "clock");
+    close(fd);
 }
 
 pid_t Host::spawn(const Lines &argv, int stderr_fd)
 {
-    pid_t pid = fork();
-    must(pid >= 0, "fork");
-    if (pid > 0)
-        return pid;
-    const std::string ns = "/proc/" + std::to_string(holder) + "/ns/";
-    int net = open((ns + "net").c_str(), O_RDONLY | O_CLOEXEC), mnt = open((ns + "mnt").c_str(), O_RDONLY | O_CLOEXEC);
     std::vector<char *> args;
     for (const std::string &arg : argv)
         args.push_back(const_cast<char *>(arg.c_str()));
     args.push_back(nullptr);
+    const std::string ns = "/proc/" + std::to_string(holder) + "/ns/";
+    pid_t pid = must(fork(), "fork");
+    if (pid > 0)
+        return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    int net = open_file(ns + "net");
+    must(setns(open_file(ns + "mnt"), CLONE_NEWNS), "mount namespace");
+    must(setns(net, CLONE_NEWNET), "network namespace");
+    must(chdir("/"), "/");
     dup2(stderr_fd, STDERR_FILENO);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-    if (setns(net, CLONE_NEWNET) == 0 && setns(mnt, CLONE_NEWNS) == 0 && chdir("/") == 0)
-        execvp(args[0], args.data());
+    must(execvp(args[0], args.data()), argv[0]);
     _exit(127);
 }
 
@@ -180,43 +180,29 @@ void Host::shell(const std::string &command)
     ASSERT_EQ(wait_for_exit(spawn({"/bin/sh", "-c", command}, STDERR_FILENO)), 0) << command;
 }
 
-/* Another network namespace is entered for the one call that makes the socket. */
-int Host::open_socket(int type, const char *address, int port)
+/* The other network is entered for the one call that makes the socket. */
+int Host::socket(int type, const char *address, int port)
 {
-    int own = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    int net = open(("/proc/" + std::to_string(holder) + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
-    must(setns(net, CLONE_NEWNET) == 0, "setns");
-    int so = socket(AF_INET, type | SOCK_CLOEXEC, 0), on = 1, size = 8 << 20;
-    must(setns(own, CLONE_NEWNET) == 0, "setns");
+    int own = open_file("/proc/self/ns/net"), net = open_file("/proc/" + std::to_string(holder) + "/ns/net");
+    must(setns(net, CLONE_NEWNET), "setns");
+    int so = must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"), on = 1, size = 8 << 20;
+    must(setns(own, CLONE_NEWNET), "setns");
     close(own);
     close(net);
     setsockopt(so, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setsockopt(so, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    inet_aton(address, &sa.sin_addr);
-    auto call = type == SOCK_DGRAM ? ::bind : ::connect;
-    must(call(so, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)) == 0, address);
+    struct sockaddr_in sa = {AF_INET, htons(static_cast<uint16_t>(port)), {inet_addr(address)}, {}};
+    auto call = type == SOCK_DGRAM ? bind : connect;
+    must(call(so, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)), address);
     return so;
-}
-
-int Host::udp(const char *address, int port)
-{
-    return open_socket(SOCK_DGRAM, address, port);
-}
-
-int Host::tcp(const char *address, int port)
-{
-    return open_socket(SOCK_STREAM, address, port);
 }
 
 void wire(Host &a, Host &b)
 {
-    auto name = [](Host &host) {
-        return "eth0 netns " + host.path("").substr(6, host.path("").find("/root") - 6);
+    auto end = [](Host &host) {
+        return " eth0 netns " + std::to_string(strtol(host.path("").c_str() + 6, nullptr, 10));
     };
-    ASSERT_EQ(system(("ip link add " + name(a) + " type veth peer " + name(b)).c_str()), 0);
+    ASSERT_EQ(system(("ip link add" + end(a) + " type veth peer" + end(b)).c_str()), 0);
     for (Host *host : {&a, &b})
         host->shell("ip addr add 10.0.0." + std::to_string(host->number) + "/24 dev eth0 && ip link set eth0 up");
 }
@@ -224,19 +210,19 @@ void wire(Host &a, Host &b)
 Lines drain(int so)
 {
     Lines datagrams;
-    std::string buf(65536, '\0');
-    for (ssize_t n; (n = recv(so, buf.data(), buf.size(), MSG_DONTWAIT)) >= 0;)
-        datagrams.push_back(buf.substr(0, static_cast<size_t>(n)));
+    static char buf[65536];
+    for (ssize_t n; (n = recv(so, buf, sizeof(buf), MSG_DONTWAIT)) >= 0;)
+        datagrams.emplace_back(buf, n);
     return datagrams;
 }
 
 int wait_for_exit(pid_t pid)
 {
-    struct pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
-    must(poll(&ended, 1, DEADLINE_MS) == 1, "a process that does not end");
-    close(ended.fd);
+    struct pollfd end = {must(syscall(SYS_pidfd_open, pid, 0), "pidfd"), POLLIN, 0};
+    must(poll(&end, 1, DEADLINE_MS) - 1, "a process that does not end");
+    close(end.fd);
     int status;
-    must(waitpid(pid, &status, 0) == pid, "waitpid");
+    must(waitpid(pid, &status, 0), "waitpid");
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -252,15 +238,13 @@ Lines stopped_clock()
     return {"env", "LD_PRELOAD=/mnt/clock.so"};
 }
 
-Daemon::Daemon(Host &on, const std::string &config, const Lines &prefix, const Lines &options) : host(on)
+Daemon::Daemon(Host &on, const std::string &config, const Lines &prefix, const char *options) : host(on)
 {
     host.write("/mnt/mwd.conf", base_config + config);
     Lines argv = prefix;
-    argv.insert(argv.end(), {"/mnt/mwd", "-C", "/mnt/mwd.conf"});
-    argv.insert(argv.end(), options.begin(), options.end());
+    argv.insert(argv.end(), {"/mnt/mwd", "-C", "/mnt/mwd.conf", options});
     int ends[2];
-    must(pipe2(ends, O_CLOEXEC) == 0, "pipe");
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    must(pipe2(ends, O_CLOEXEC), "pipe");
     fcntl(ends[0], F_SETPIPE_SZ, 1 << 20);
     pid = host.spawn(argv, ends[1]);
     close(ends[1]);
@@ -282,23 +266,18 @@ Daemon::~Daemon()
     close(err);
 }
 
-/* Takes what the daemon has written by then. Returns false at its end, or when nothing came in time. */
-bool Daemon::pump(int timeout_ms)
+/* Takes what the daemon writes next. Returns false at its end. */
+bool Daemon::pump()
 {
     struct pollfd ready = {err, POLLIN, 0};
-    if (poll(&ready, 1, timeout_ms) != 1)
-        return false;
-    static std::string rest; /* of a line that is not yet whole */
-    if (log.empty())
-        rest.clear();
+    must(poll(&ready, 1, DEADLINE_MS) - 1, "a daemon that is silent after " + (log.empty() ? "" : log.back()));
     char buf[65536];
     ssize_t n = read(err, buf, sizeof(buf));
-    if (n > 0)
-        rest.append(buf, static_cast<size_t>(n));
-    for (size_t newline; (newline = rest.find('\n')) != std::string::npos; rest.erase(0, newline + 1)) {
-        std::string line = rest.substr(0, newline);
-        size_t text = line.find("]: ");
-        log.push_back(text == std::string::npos ? line : line.substr(text + 3));
+    rest.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    for (size_t newline; (newline = rest.find('\n')) != rest.npos; rest.erase(0, newline + 1)) {
+        size_t ident = rest.find("]: ");
+        size_t start = ident < newline ? ident + 3 : 0;
+        log.push_back(rest.substr(start, newline - start));
     }
     return n > 0;
 }
@@ -306,27 +285,21 @@ bool Daemon::pump(int timeout_ms)
 void Daemon::send(const std::string &datagram)
 {
     struct sockaddr_in to = {AF_INET, htons(8000), {htonl(INADDR_LOOPBACK)}, {}};
-    if (datagram.size() < sizeof(Hdr))
-        shorts++;
-    must(sendto(host.peer, datagram.data(), datagram.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to)) ==
-             static_cast<ssize_t>(datagram.size()),
+    shorts += datagram.size() < sizeof(Hdr);
+    must(sendto(host.peer, datagram.data(), datagram.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to)),
          "sendto");
 }
 
 /* Datagrams are handled in order, and one that is too short shows in the log and nowhere else. */
 std::string Daemon::sync()
 {
-    static const char too_short[] = "error: controller_thread_loop(): Malformed packet? #1";
     send("?");
-    auto seen = [&] {
-        return std::count(log.begin(), log.end(), too_short);
-    };
-    while (seen() < shorts)
-        must(pump(DEADLINE_MS), "a daemon that is silent: " + (log.empty() ? "" : log.back()));
-    begin = end;
-    end = static_cast<size_t>(std::find(log.rbegin(), log.rend(), too_short).base() - log.begin());
+    while (std::count(log.begin(), log.end(), too_short) < shorts)
+        must(pump() - 1, "a daemon that ended after " + (log.empty() ? "" : log.back()));
+    first = next;
+    next = static_cast<size_t>(std::find(log.rbegin(), log.rend(), too_short).base() - log.begin());
     std::string lines;
-    for (size_t i = begin; i < end - 1; i++)
+    for (size_t i = first; i < next - 1; i++)
         if (!log[i].starts_with("debug: ") && !log[i].starts_with("info: "))
             lines += log[i] + "\n";
     return lines;
@@ -340,19 +313,19 @@ std::string Daemon::apply(const std::string &datagram)
 
 std::string Daemon::publish()
 {
-    signal(SIGUSR1);
+    kill(pid, SIGUSR1);
     return sync();
 }
 
-std::string Daemon::change(const std::string &datagram, std::string *lines)
+void Daemon::check(const std::string &datagram, const Tree &after, const std::string &lines)
 {
-    Tree before = host.tree();
-    std::string above_info = apply(datagram);
-    if (lines)
-        *lines = above_info;
-    else
-        EXPECT_EQ(above_info, "");
-    return diff(before, host.tree());
+    EXPECT_EQ(apply(datagram), lines);
+    EXPECT_EQ(diff(after, host.tree()), "");
+}
+
+void Daemon::check(const std::string &datagram, const std::string &edits, const std::string &lines)
+{
+    check(datagram, edit(host.tree(), edits), lines);
 }
 
 Lines Daemon::sent()
@@ -362,41 +335,28 @@ Lines Daemon::sent()
 
 std::string Daemon::wait_for(const std::string &text)
 {
-    for (size_t i = end;; i++) {
+    for (size_t i = next;; i++) {
         while (i == log.size())
-            must(pump(DEADLINE_MS), "no line with " + text);
+            must(pump() - 1, "a daemon that ended after " + (log.empty() ? "" : log.back()));
         if (log[i].find(text) != std::string::npos)
             return log[i];
     }
 }
 
-bool Daemon::logged(const std::string &text) const
-{
-    for (size_t i = begin; i < end; i++)
-        if (log[i].find(text) != std::string::npos)
-            return true;
-    return false;
-}
-
-std::string Daemon::step(const std::string &prefix) const
+std::string Daemon::step(const std::string &begin) const
 {
     std::string lines;
-    for (size_t i = begin; i < end; i++)
-        if (log[i].starts_with(prefix))
-            lines += log[i].substr(prefix.size()) + "\n";
+    for (size_t i = first; i < next; i++)
+        if (log[i].starts_with(begin))
+            lines += log[i].substr(begin.size()) + "\n";
     return lines;
 }
 
-void Daemon::signal(int number)
+int Daemon::stop(int signal)
 {
-    must(kill(pid, number) == 0, "kill");
-}
-
-int Daemon::stop(int number)
-{
-    signal(number);
+    kill(pid, signal);
     int status = wait_for_exit(pid);
-    while (pump(DEADLINE_MS))
+    while (pump())
         continue;
     pid = -1;
     return status;
@@ -405,19 +365,18 @@ int Daemon::stop(int number)
 /* Counted while the daemon sleeps in its loop: every log line opens a socket for a moment. */
 int Daemon::descriptors() const
 {
+    const std::string proc = "/proc/" + std::to_string(pid);
     std::string stat;
-    do {
-        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-        std::getline(file, stat);
-    } while (stat.find(") S ") == std::string::npos);
-    auto open = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<int>(std::distance(fs::begin(open), fs::end(open)));
+    do
+        std::getline(std::ifstream(proc + "/stat"), stat);
+    while (stat.find(") S ") == stat.npos);
+    return static_cast<int>(std::distance(fs::directory_iterator(proc + "/fd"), {}));
 }
 
 Ended run(Host &host, const std::string &config, const Lines &options)
 {
     host.write("/mnt/mwd.conf", config);
-    int err = open(host.path("/mnt/stderr").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    int err = open_file(host.path("/mnt/stderr"), O_RDWR | O_CREAT | O_TRUNC);
     Lines argv = {"/mnt/mwd"};
     argv.insert(argv.end(), options.begin(), options.end());
     int status = wait_for_exit(host.spawn(argv, err));
@@ -425,31 +384,29 @@ Ended run(Host &host, const std::string &config, const Lines &options)
     return {status, host.read("/mnt/stderr")};
 }
 
-/* All that the tests start dies with this process, which is the first of a process namespace of its own. */
-static int isolated(int (*tests)())
+/* All that the tests start dies with their process, which is the first of a process namespace. A plain user needs a
+ * user namespace for that. */
+static int run_isolated()
 {
-    std::string map = "0 " + std::to_string(geteuid()) + " 1";
     if (geteuid() != 0) {
-        must(unshare(CLONE_NEWUSER) == 0, "user namespace");
+        std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
+        must(unshare(CLONE_NEWUSER), "user namespace");
         std::ofstream("/proc/self/setgroups") << "deny";
-        std::ofstream("/proc/self/uid_map") << map;
-        std::ofstream("/proc/self/gid_map") << "0 " << getegid() << " 1";
+        std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
+        std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
     }
-    must(unshare(CLONE_NEWPID | CLONE_NEWNS) == 0, "unshare");
-    pid_t pid = fork();
+    must(unshare(CLONE_NEWPID | CLONE_NEWNS), "unshare");
+    pid_t pid = must(fork(), "fork");
     if (pid > 0)
-        return wait_for_exit(pid);
+        return waitpid(pid, &pid, 0) < 0 || pid != 0;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount(/)");
-    must(mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount(/proc)");
-    return tests();
+    must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "/");
+    must(mount("proc", "/proc", "proc", 0, nullptr), "/proc");
+    return RUN_ALL_TESTS();
 }
 
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    auto tests = [] {
-        return RUN_ALL_TESTS();
-    };
-    return testing::GTEST_FLAG(list_tests) ? tests() : isolated(tests);
+    return testing::GTEST_FLAG(list_tests) ? RUN_ALL_TESTS() : run_isolated();
 }

@@ -1,0 +1,154 @@
+/* Messages and records that say the same. */
+#include "tests/system/harness.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstring>
+#include <sstream>
+
+Tree operator+(Tree a, const Tree &b)
+{
+    a.insert(b.begin(), b.end());
+    return a;
+}
+
+Tree edit(Tree tree, const std::string &edits, const std::string &dir)
+{
+    std::istringstream words(edits);
+    for (std::string word; words >> word;) {
+        if (word[0] == '-') {
+            std::erase_if(tree, [&](const auto &entry) { return entry.first.starts_with(dir + word.substr(1)); });
+            continue;
+        }
+        size_t mark = word.find_first_of("=:>");
+        std::string path = dir + word.substr(0, mark), value = mark == word.npos ? "/" : word.substr(mark + 1);
+        std::replace(value.begin(), value.end(), '|', '\n');
+        if (mark != word.npos)
+            value = word[mark] == '=' ? value + "\n" : word[mark] == '>' ? "-> " + value : value;
+        tree[path] = value;
+    }
+    return tree;
+}
+
+std::string diff(const Tree &before, const Tree &after)
+{
+    std::string lines;
+    for (const auto &[path, value] : before + after) {
+        auto old = before.find(path), now = after.find(path);
+        if (old == before.end())
+            lines += "+" + path + ": " + value + "\r";
+        else if (now == after.end())
+            lines += "-" + path + ": " + value + "\r";
+        else if (old->second != now->second)
+            lines += "~" + path + ": " + old->second + " => " + now->second + "\r";
+    }
+    std::replace(lines.begin(), lines.end(), '\n', '|');
+    std::replace(lines.begin(), lines.end(), '\r', '\n');
+    return lines;
+}
+
+Hdr header(uint8_t type, uint32_t uid)
+{
+    Hdr hdr = {2, 1, type, 2, uid, "vendor", "model", {1001, 1002, "rev"}, "serial", "hbtl", 1003, 104, 1005};
+    return hdr;
+}
+
+std::string message(uint8_t type, uint32_t uid, const std::string &body)
+{
+    return bytes(header(type, uid)) + body;
+}
+
+std::string ds_ping(uint32_t uid, const char *dsuuid)
+{
+    DatastoreEntry dse = {"", "dsname", "dsdescr", 512, 2, 3, 4};
+    set(dse.uuid, dsuuid);
+    return message(MSG_DS_PING, uid, bytes(dse));
+}
+
+std::string aux_ping(uint32_t uid)
+{
+    return message(MSG_AUX_PING, uid, '\0' + bytes(AuxPingData{28, 201, 202, 203, 204, 205, 206}));
+}
+
+std::string vdisk_deleted(uint32_t uid, const char *uuid)
+{
+    VDiskDeleteEntry vdde = {uid, ""};
+    set(vdde.uuid, uuid);
+    return message(MSG_VDISK_DELETED, uid, bytes(vdde));
+}
+
+VDiskEntry plain(const char *uuid, unsigned gen)
+{
+    VDiskEntry vde = {};
+    set(vde.uuid, uuid);
+    vde.name = {{static_cast<char>('0' + gen / 10 % 10), static_cast<char>('0' + gen % 10)}, "name", 0};
+    vde.name.mshipgencnt = htons(static_cast<uint16_t>(gen));
+    vde.sector_size = 301, vde.numkeys = 302, vde.sectors = 303, vde.seqno = 304, vde.status = 5, vde.port = 306;
+    vde.replicas = 307, vde.st_mem = 8, vde.st_mems = 9, vde.st_size = 310;
+    set(vde.description.descr, "descr");
+    return vde;
+}
+
+VDiskEntry snapshot(const char *uuid, const char *parent, unsigned gen)
+{
+    VDiskEntry vde = plain(uuid, gen);
+    vde.snapshot = 1;
+    vde.description.snap = {11, 3, 7, 9, 5, 2, "", ""};
+    set(vde.description.snap.parent, parent);
+    return vde;
+}
+
+std::string report(VDiskEntry vde, const Uids &members, const Uids &frontends)
+{
+    vde.members = static_cast<uint16_t>(members.size());
+    vde.frontends = static_cast<uint16_t>(frontends.size());
+    std::string text = bytes(vde);
+    for (const Uids *list : {&members, &frontends})
+        for (uint32_t number : *list)
+            text += bytes(number);
+    return text;
+}
+
+Tree node_record(const std::string &uid, const std::string &dsuuid)
+{
+    return edit({{"Node/", "/"}, {"Node/" + uid + "/", "/"}},
+                "vdisks/ version=v2.1 status=1 nodestatus=2 vendor=vendor model=model freespace=1001 "
+                "utilization=1002 revision=rev serial=serial hbtl=hbtl size=1003 performance=104 hostid=1005 "
+                "backupchannel=0.0.0.0 ipaddr=127.0.0.2 lastping=now allocatedspace=201 curvdisks=202 "
+                "curvdisksforctrl=203 maxvdisksforctrl=204 memtotal=205 memavail=206 uuid=" +
+                    uid + (dsuuid.empty() ? "" : " datastoremember=" + dsuuid),
+                "Node/" + uid + "/");
+}
+
+Tree datastore_record(const std::string &uuid, const std::string &member)
+{
+    return edit({{"Datastore/", "/"}, {"Datastore/" + uuid + "/", "/"}},
+                "members/ vdisks/ name=dsname description=dsdescr sector_size=512 replicas=2 stripes=3 overcommit=4 "
+                "uuid=" +
+                    uuid + (member.empty() ? "" : " members/" + member + ">../../../Node/" + member),
+                "Datastore/" + uuid + "/");
+}
+
+Tree vdisk_record(const VDiskEntry &vde, const Lines &members, const std::string &dsuuid)
+{
+    std::string uuid(vde.uuid, strnlen(vde.uuid, sizeof(vde.uuid))), dir = "VDisk/" + uuid + "/", membership;
+    std::string gen = std::to_string(ntohs(vde.name.mshipgencnt)), link = ">../../../VDisk/" + uuid;
+    const char *parent = vde.description.snap.parent;
+    Tree tree = edit({{"VDisk/", "/"}, {dir, "/"}},
+                     "memberinfo/ name=name sector_size=301 sectors=303 replicas=307 st_mems=9 st_size=310 snapshot=" +
+                         std::to_string(vde.snapshot) + " uuid=" + uuid + " highest_gen_count=" + gen +
+                         (vde.snapshot == 0 ? " snapshots/ description=descr" : " snaptime=11-03-07_09.05.02 parent=") +
+                         (vde.snapshot == 0 ? "" : std::string(parent, strnlen(parent, 14))) +
+                         (dsuuid.empty() ? "" : " datastore>../../Datastore/" + dsuuid),
+                     dir);
+    for (const std::string &uid : members) {
+        tree[dir + "memberinfo/" + uid + "/"] = "/";
+        tree = edit(tree,
+                    "numkeys=302 seqno=304 status=5 port=306 st_mem=8 frontend=10.0.0.1 membership_gen_count=" + gen +
+                        (vde.snapshot == 0 ? " snap_limit=10" : "") + " nodestatus>../../../../Node/" + uid + "/status",
+                    dir + "memberinfo/" + uid + "/");
+        tree = edit(tree, "Node/" + uid + "/vdisks/" + uuid + link);
+        tree[dir + "membership"] += uid + "\n";
+    }
+    return dsuuid.empty() ? tree : edit(tree, "Datastore/" + dsuuid + "/vdisks/" + uuid + link);
+}
