@@ -285,7 +285,7 @@ int so_lowat(int so, int tx, int bytes)
 
 int so_buf(int so, int tx, int kb)
 {
-    int bytes = kb * 1024;
+    auto bytes = static_cast<int>(static_cast<unsigned int>(kb) * 1024U);
     if (setsockopt(so, SOL_SOCKET, tx > 0 ? SO_SNDBUF : SO_RCVBUF, &bytes, sizeof(bytes)) < 0) {
         log_error("setsockopt(SO_%sBUF, %d): %s", direction(tx), bytes, strerror(errno));
         return -1;

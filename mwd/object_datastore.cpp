@@ -81,18 +81,22 @@ int DatastoreLoad(const char *dsuuid, struct DatastoreEntry *dse)
         return -1;
 
     const Record record = {__func__, path, "", "", dir.fd};
-    uint32_t sector_size, replicas, stripes, overcommit;
+    uint32_t number;
     if (record_load_text(record, "uuid", dse->uuid, sizeof(dse->uuid)) < 0 ||
         record_load_text(record, "name", dse->name, sizeof(dse->name)) < 0 ||
         record_load_text(record, "description", dse->description, sizeof(dse->description)) < 0 ||
-        record_load_u32(record, "sector_size", &sector_size) < 0 ||
-        record_load_u32(record, "replicas", &replicas) < 0 || record_load_u32(record, "stripes", &stripes) < 0 ||
-        record_load_u32(record, "overcommit", &overcommit) < 0)
+        record_load_u32(record, "sector_size", &number) < 0)
         return -1;
-    dse->sector_size = sector_size;
-    dse->replicas = static_cast<uint16_t>(replicas);
-    dse->stripes = static_cast<uint16_t>(stripes);
-    dse->overcommit = static_cast<uint8_t>(overcommit);
+    dse->sector_size = number;
+    if (record_load_u32(record, "replicas", &number) < 0)
+        return -1;
+    dse->replicas = static_cast<uint16_t>(number);
+    if (record_load_u32(record, "stripes", &number) < 0)
+        return -1;
+    dse->stripes = static_cast<uint16_t>(number);
+    if (record_load_u32(record, "overcommit", &number) < 0)
+        return -1;
+    dse->overcommit = static_cast<uint8_t>(number);
     return 0;
 }
 

@@ -221,48 +221,52 @@ static int load_size(const Record &record, struct Hdr *hdr)
 
 static int load_header(const Record &record, unsigned int nodeid, struct Hdr *hdr)
 {
-    uint32_t nodestatus, freespace, utilization, performance, hostid;
-
-    if (load_version(record, hdr) < 0 || record_load_u32(record, "nodestatus", &nodestatus) < 0)
+    uint32_t number;
+    if (load_version(record, hdr) < 0 || record_load_u32(record, "nodestatus", &number) < 0)
         return -1;
-    hdr->nodestatus = static_cast<uint8_t>(nodestatus);
+    hdr->nodestatus = static_cast<uint8_t>(number);
     hdr->uid = nodeid;
     if (record_load_text(record, "vendor", hdr->vendor, sizeof(hdr->vendor)) < 0 ||
         record_load_text(record, "model", hdr->model, sizeof(hdr->model)) < 0 ||
-        record_load_u32(record, "freespace", &freespace) < 0)
+        record_load_u32(record, "freespace", &number) < 0)
         return -1;
-    hdr->revision.freespace = freespace;
-    if (record_load_u32(record, "utilization", &utilization) < 0)
+    hdr->revision.freespace = number;
+    if (record_load_u32(record, "utilization", &number) < 0)
         return -1;
-    hdr->revision.utilization = utilization;
+    hdr->revision.utilization = number;
     if (record_load_text(record, "revision", hdr->revision.rev, sizeof(hdr->revision.rev)) < 0 ||
         record_load_text(record, "serial", hdr->serial, sizeof(hdr->serial)) < 0 ||
         record_load_text(record, "hbtl", hdr->hbtl, sizeof(hdr->hbtl)) < 0 || load_size(record, hdr) < 0 ||
-        record_load_u32(record, "performance", &performance) < 0)
+        record_load_u32(record, "performance", &number) < 0)
         return -1;
-    hdr->performance = static_cast<uint8_t>(performance);
-    if (record_load_u32(record, "hostid", &hostid) < 0)
+    hdr->performance = static_cast<uint8_t>(number);
+    if (record_load_u32(record, "hostid", &number) < 0)
         return -1;
-    hdr->hostid = static_cast<uint16_t>(hostid);
+    hdr->hostid = static_cast<uint16_t>(number);
     return 0;
 }
 
 static int load_capacity(const Record &record, struct AuxPingData *aux)
 {
-    struct {
-        const char *key;
-        uint32_t value;
-    } figures[] = {{"allocatedspace", 0},   {"curvdisks", 0}, {"curvdisksforctrl", 0},
-                   {"maxvdisksforctrl", 0}, {"memtotal", 0},  {"memavail", 0}};
-    for (auto &figure : figures)
-        if (record_load_u32(record, figure.key, &figure.value) < 0)
-            return -1;
-    aux->allocatedspace = figures[0].value;
-    aux->curvdisks = figures[1].value;
-    aux->curvdisksforctrl = figures[2].value;
-    aux->maxvdisksforctrl = figures[3].value;
-    aux->memtotal = figures[4].value;
-    aux->memavail = figures[5].value;
+    uint32_t number;
+    if (record_load_u32(record, "allocatedspace", &number) < 0)
+        return -1;
+    aux->allocatedspace = number;
+    if (record_load_u32(record, "curvdisks", &number) < 0)
+        return -1;
+    aux->curvdisks = number;
+    if (record_load_u32(record, "curvdisksforctrl", &number) < 0)
+        return -1;
+    aux->curvdisksforctrl = number;
+    if (record_load_u32(record, "maxvdisksforctrl", &number) < 0)
+        return -1;
+    aux->maxvdisksforctrl = number;
+    if (record_load_u32(record, "memtotal", &number) < 0)
+        return -1;
+    aux->memtotal = number;
+    if (record_load_u32(record, "memavail", &number) < 0)
+        return -1;
+    aux->memavail = number;
     return 0;
 }
 

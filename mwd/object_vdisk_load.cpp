@@ -31,20 +31,28 @@ static int load_transaction_id(const Record &record, struct VDiskEntry *vde)
 
 static int load_common(const Record &record, struct VDiskEntry *vde)
 {
-    uint32_t sector_size, replicas, st_mems, st_size, snapshot;
+    uint32_t number;
     uint64_t sectors;
     if (record_load_text(record, "uuid", vde->uuid, sizeof(vde->uuid)) < 0 ||
         record_load_text(record, "name", vde->name.name, sizeof(vde->name.name)) < 0 ||
-        record_load_u32(record, "sector_size", &sector_size) < 0 || record_load_u64(record, "sectors", &sectors) < 0 ||
-        record_load_u32(record, "replicas", &replicas) < 0 || record_load_u32(record, "st_mems", &st_mems) < 0 ||
-        record_load_u32(record, "st_size", &st_size) < 0 || record_load_u32(record, "snapshot", &snapshot) < 0)
+        record_load_u32(record, "sector_size", &number) < 0)
         return -1;
-    vde->sector_size = sector_size;
+    vde->sector_size = number;
+    if (record_load_u64(record, "sectors", &sectors) < 0)
+        return -1;
     vde->sectors = sectors;
-    vde->replicas = static_cast<uint16_t>(replicas);
-    vde->st_mems = static_cast<uint8_t>(st_mems);
-    vde->st_size = static_cast<uint16_t>(st_size);
-    vde->snapshot = static_cast<uint16_t>(snapshot);
+    if (record_load_u32(record, "replicas", &number) < 0)
+        return -1;
+    vde->replicas = static_cast<uint16_t>(number);
+    if (record_load_u32(record, "st_mems", &number) < 0)
+        return -1;
+    vde->st_mems = static_cast<uint8_t>(number);
+    if (record_load_u32(record, "st_size", &number) < 0)
+        return -1;
+    vde->st_size = static_cast<uint16_t>(number);
+    if (record_load_u32(record, "snapshot", &number) < 0)
+        return -1;
+    vde->snapshot = static_cast<uint16_t>(number);
     return 0;
 }
 
@@ -108,19 +116,26 @@ static void set_generation(const struct Hdr *hdr, struct VDiskEntry *vde, uint32
 
 static int load_member(const Record &member, const struct Hdr *hdr, struct VDiskEntry *vde)
 {
-    uint64_t numkeys, seqno;
-    uint32_t status, port, st_mem, mshipgencnt;
-    if (record_load_u64(member, "numkeys", &numkeys) < 0 || record_load_u64(member, "seqno", &seqno) < 0 ||
-        record_load_u32(member, "status", &status) < 0 || record_load_u32(member, "port", &port) < 0 ||
-        record_load_u32(member, "st_mem", &st_mem) < 0 ||
-        record_load_u32(member, "membership_gen_count", &mshipgencnt) < 0)
+    uint32_t number;
+    uint64_t wide;
+    if (record_load_u64(member, "numkeys", &wide) < 0)
         return -1;
-    vde->numkeys = numkeys;
-    vde->seqno = seqno;
-    vde->status = static_cast<uint8_t>(status);
-    vde->port = static_cast<uint16_t>(port);
-    vde->st_mem = static_cast<uint8_t>(st_mem);
-    set_generation(hdr, vde, mshipgencnt);
+    vde->numkeys = wide;
+    if (record_load_u64(member, "seqno", &wide) < 0)
+        return -1;
+    vde->seqno = wide;
+    if (record_load_u32(member, "status", &number) < 0)
+        return -1;
+    vde->status = static_cast<uint8_t>(number);
+    if (record_load_u32(member, "port", &number) < 0)
+        return -1;
+    vde->port = static_cast<uint16_t>(number);
+    if (record_load_u32(member, "st_mem", &number) < 0)
+        return -1;
+    vde->st_mem = static_cast<uint8_t>(number);
+    if (record_load_u32(member, "membership_gen_count", &number) < 0)
+        return -1;
+    set_generation(hdr, vde, number);
     return 0;
 }
 

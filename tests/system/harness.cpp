@@ -109,6 +109,7 @@ void Host::remove(const std::string &inside)
 
 void Host::put(const Tree &tree)
 {
+    remove("/mnt/DB");
     fs::create_directory(path("/mnt/DB"));
     for (const auto &[name, value] : tree) {
         if (value == "/")
@@ -214,6 +215,15 @@ Lines drain(int so)
     for (ssize_t n; (n = recv(so, buf, sizeof(buf), MSG_DONTWAIT)) >= 0;)
         datagrams.emplace_back(buf, n);
     return datagrams;
+}
+
+std::string kinds(const Lines &datagrams)
+{
+    const std::map<char, std::string> names = {{4, "PING"}, {16, "DS"}, {32, "BEAT"}, {33, "SINGLE"}, {34, "GONE"}, {35, "AUX"}};
+    std::string text;
+    for (const std::string &datagram : datagrams)
+        text += names.at(datagram.at(2)) + ":" + std::to_string(datagram.size()) + " ";
+    return text;
 }
 
 int wait_for_exit(pid_t pid)

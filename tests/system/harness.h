@@ -64,7 +64,7 @@ class Host
     std::string read(const std::string &inside) const;
     void write(const std::string &inside, const std::string &content);
     void remove(const std::string &inside);
-    void put(const Tree &tree); /* into /mnt/DB, over what is there */
+    void put(const Tree &tree); /* as the whole of /mnt/DB */
     Tree tree() const;          /* of /mnt/DB; a "lastping" of this hour reads "now" */
     Lines locks() const;        /* what lies in /tmp */
     void set_clock(int64_t seconds);
@@ -84,6 +84,8 @@ class Host
 void wire(Host &a, Host &b);
 /* All datagrams that wait at the socket. */
 Lines drain(int so);
+/* Their types and lengths, such as "PING:207 ". */
+std::string kinds(const Lines &datagrams);
 /* Waits for the end of a process. Returns its exit status, 128 + the signal if one killed it. */
 int wait_for_exit(pid_t pid);
 
