@@ -104,6 +104,7 @@ void Host::write(const std::string &inside, const std::string &content)
 
 void Host::remove(const std::string &inside)
 {
+    must(inside.starts_with("/mnt/") || inside.starts_with("/tmp/") ? 0 : -1, "not a test's to remove");
     fs::remove_all(path(inside));
 }
 
@@ -219,7 +220,8 @@ Lines drain(int so)
 
 std::string kinds(const Lines &datagrams)
 {
-    const std::map<char, std::string> names = {{4, "PING"}, {16, "DS"}, {32, "BEAT"}, {33, "SINGLE"}, {34, "GONE"}, {35, "AUX"}};
+    const std::map<char, std::string> names = {{4, "PING"},    {16, "DS"},   {32, "BEAT"},
+                                               {33, "SINGLE"}, {34, "GONE"}, {35, "AUX"}};
     std::string text;
     for (const std::string &datagram : datagrams)
         text += names.at(datagram.at(2)) + ":" + std::to_string(datagram.size()) + " ";
@@ -327,6 +329,13 @@ std::string Daemon::publish()
     return sync();
 }
 
+std::string Daemon::reload()
+{
+    kill(pid, SIGHUP);
+    wait_for("load_unicast_hosts(): Loading"); /* a signal just before the loop waits is seen a turn later */
+    return sync();
+}
+
 void Daemon::check(const std::string &datagram, const Tree &after, const std::string &lines)
 {
     EXPECT_EQ(apply(datagram), lines);
@@ -372,15 +381,19 @@ int Daemon::stop(int signal)
     return status;
 }
 
-/* Counted while the daemon sleeps in its loop: every log line opens a socket for a moment. */
-int Daemon::descriptors() const
+void Daemon::wait_until_asleep() const
 {
-    const std::string proc = "/proc/" + std::to_string(pid);
     std::string stat;
     do
-        std::getline(std::ifstream(proc + "/stat"), stat);
+        std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
     while (stat.find(") S ") == stat.npos);
-    return static_cast<int>(std::distance(fs::directory_iterator(proc + "/fd"), {}));
+}
+
+/* Counted while the daemon waits: every log line opens a socket for a moment. */
+int Daemon::descriptors() const
+{
+    wait_until_asleep();
+    return static_cast<int>(std::distance(fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"), {}));
 }
 
 Ended run(Host &host, const std::string &config, const Lines &options)

@@ -63,10 +63,10 @@ class Host
     std::string path(const std::string &inside) const;
     std::string read(const std::string &inside) const;
     void write(const std::string &inside, const std::string &content);
-    void remove(const std::string &inside);
-    void put(const Tree &tree); /* as the whole of /mnt/DB */
-    Tree tree() const;          /* of /mnt/DB; a "lastping" of this hour reads "now" */
-    Lines locks() const;        /* what lies in /tmp */
+    void remove(const std::string &inside); /* below /mnt or /tmp, and nowhere else */
+    void put(const Tree &tree);             /* as the whole of /mnt/DB */
+    Tree tree() const;                      /* of /mnt/DB; a "lastping" of this hour reads "now" */
+    Lines locks() const;                    /* what lies in /tmp */
     void set_clock(int64_t seconds);
     void shell(const std::string &command);
     /* A socket in this host's network: UDP bound to the address, or TCP connected to it. */
@@ -108,6 +108,7 @@ class Daemon
     std::string sync();
     std::string apply(const std::string &datagram);
     std::string publish(); /* SIGUSR1 and the pass that it forces */
+    std::string reload();  /* SIGHUP and what it reads */
     /* Applies a message that must change the tree as told and log these lines above info. */
     void check(const std::string &datagram, const std::string &edits, const std::string &lines = "");
     void check(const std::string &datagram, const Tree &after, const std::string &lines = "");
@@ -115,6 +116,7 @@ class Daemon
     std::string wait_for(const std::string &text);    /* a line that holds it, since the last sync */
     std::string step(const std::string &begin) const; /* the lines of the last sync's step that begin so */
     int stop(int signal = SIGTERM);
+    void wait_until_asleep() const;
     int descriptors() const;
 
     Host &host;
