@@ -180,13 +180,29 @@ static void apply_value(const ConfigKey &key, const char *value)
         syslog_module_setup();
 }
 
+/*
+ * Whether the line fits the pattern. The platform reports a match that ran out of memory as a misfit, and only errno
+ * tells: a quoted value must not be taken for a plain word because of it.
+ */
+static bool line_fits(const regex_t *preg, const char *pattern, const char *line, size_t slots, regmatch_t *match)
+{
+    errno = 0;
+    if (regexec(preg, line, slots, match, 0) == 0)
+        return true;
+    if (errno != ENOMEM)
+        return false;
+    fprintf(stderr, "error: config_load(): regexec(%s): %s\n", pattern, strerror(errno));
+    exit(1);
+}
+
 static void apply_line(char *line)
 {
-    if (regexec(&preg_comment, line, 0, nullptr, 0) == 0)
+    if (line_fits(&preg_comment, patt_comment, line, 0, nullptr))
         return;
 
     regmatch_t match[3];
-    if (regexec(&preg_quoted, line, 3, match, 0) != 0 && regexec(&preg_keyval, line, 3, match, 0) != 0) {
+    if (!line_fits(&preg_quoted, patt_quoted, line, 3, match) &&
+        !line_fits(&preg_keyval, patt_keyval, line, 3, match)) {
         fprintf(stderr, "error: config_load(): Broken config line `%s'\n", line);
         exit(1);
     }

@@ -71,6 +71,15 @@ static void install_signal(int sig, void (*handler)(int))
     sigaction(sig, &action, nullptr);
 }
 
+/* Whoever started the daemon may have held signals back, or ignored the end of children, which waitpid needs. */
+static void clear_inherited_signals()
+{
+    install_signal(SIGCHLD, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 int controller_module_setup()
 {
     assert(!controller_module_initialized && !local_nodes && !unicast_hosts && !multicast_groups);
@@ -93,6 +102,7 @@ int controller_module_setup()
     install_signal(SIGTERM, sigint);
     install_signal(SIGHUP, sighup);
     install_signal(SIGUSR1, sigusr1);
+    clear_inherited_signals();
 
     ping_ts = time(nullptr);
     heartbeat_ts = time(nullptr) + 3;

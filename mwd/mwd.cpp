@@ -36,6 +36,17 @@ static void parse_options(int argc, char **argv)
     }
 }
 
+/* Keeps 0, 1 and 2 taken: what is meant for standard error must not end up in a socket or a file of the tree. */
+static void hold_standard_descriptors()
+{
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
+
 /* Makes the work directory, its last component only, and enters it. Failures are told on stderr. */
 static int enter_work_directory()
 {
@@ -70,6 +81,7 @@ static int write_pid_file(const char *op)
 int main(int argc, char **argv)
 {
     parse_options(argc, argv);
+    hold_standard_descriptors();
     config_module_setup();
     syslog_module_setup();
     config_load();

@@ -108,44 +108,44 @@ void Host::remove(const std::string &inside)
     fs::remove_all(path(inside));
 }
 
+static std::string place_of(const std::string &name)
+{
+    return name.starts_with("/tmp/") ? name : "/mnt/DB/" + name;
+}
+
 void Host::put(const Tree &tree)
 {
     remove("/mnt/DB");
     fs::create_directory(path("/mnt/DB"));
+    for (const auto &lock : fs::directory_iterator(path("/tmp")))
+        fs::remove(lock);
     for (const auto &[name, value] : tree) {
         if (value == "/")
-            fs::create_directories(path("/mnt/DB/" + name));
+            fs::create_directories(path(place_of(name)));
         else if (value.starts_with("-> "))
-            fs::create_symlink(value.substr(3), path("/mnt/DB/" + name));
+            fs::create_symlink(value.substr(3), path(place_of(name)));
         else
-            write("/mnt/DB/" + name, value);
+            write(place_of(name), value);
     }
 }
 
 Tree Host::tree() const
 {
     Tree tree;
-    const std::string root = path("/mnt/DB/");
-    for (const auto &entry : fs::recursive_directory_iterator(root)) {
-        std::string name = entry.path().string().substr(root.size());
-        if (entry.is_symlink())
-            tree[name] = "-> " + fs::read_symlink(entry).string();
-        else if (entry.is_directory())
-            tree[name + "/"] = "/";
-        else
-            tree[name] = read("/mnt/DB/" + name);
-        if (name.ends_with("/lastping") && labs(strtol(tree[name].c_str(), nullptr, 10) - time(nullptr)) < 3600)
-            tree[name] = "now\n";
+    for (const std::string top : {"/mnt/DB/", "/tmp/"}) {
+        for (const auto &entry : fs::recursive_directory_iterator(path(top))) {
+            std::string name = (top == "/tmp/" ? top : "") + entry.path().string().substr(path(top).size());
+            if (entry.is_symlink())
+                tree[name] = "-> " + fs::read_symlink(entry).string();
+            else if (entry.is_directory())
+                tree[name + "/"] = "/";
+            else
+                tree[name] = read(place_of(name));
+            if (name.ends_with("/lastping") && labs(strtol(tree[name].c_str(), nullptr, 10) - time(nullptr)) < 3600)
+                tree[name] = "now\n";
+        }
     }
     return tree;
-}
-
-Lines Host::locks() const
-{
-    Lines names;
-    for (const auto &entry : fs::directory_iterator(path("/tmp")))
-        names.push_back(entry.path().filename());
-    return names;
 }
 
 /* In place, since daemons have the file mapped. */
@@ -182,21 +182,31 @@ void Host::shell(const std::string &command)
     ASSERT_EQ(wait_for_exit(spawn({"/bin/sh", "-c", command}, STDERR_FILENO)), 0) << command;
 }
 
-/* The other network is entered for the one call that makes the socket. */
-int Host::socket(int type, const char *address, int port)
+/* The other network is entered for the calls that make the sockets. */
+std::vector<int> Host::sockets(int count, int type, const char *address, int port)
 {
     int own = open_file("/proc/self/ns/net"), net = open_file("/proc/" + std::to_string(holder) + "/ns/net");
+    std::vector<int> made;
     must(setns(net, CLONE_NEWNET), "setns");
-    int so = must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"), on = 1, size = 8 << 20;
+    for (int i = 0; i < count; i++)
+        made.push_back(must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"));
     must(setns(own, CLONE_NEWNET), "setns");
     close(own);
     close(net);
-    setsockopt(so, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    setsockopt(so, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
     struct sockaddr_in sa = {AF_INET, htons(static_cast<uint16_t>(port)), {inet_addr(address)}, {}};
-    auto call = type == SOCK_DGRAM ? bind : connect;
-    must(call(so, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)), address);
-    return so;
+    int on = 1, size = 8 << 20;
+    for (int so : made) {
+        setsockopt(so, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        setsockopt(so, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
+        auto call = type == SOCK_DGRAM ? bind : connect;
+        must(call(so, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)), address);
+    }
+    return made;
+}
+
+int Host::socket(int type, const char *address, int port)
+{
+    return sockets(1, type, address, port)[0];
 }
 
 void wire(Host &a, Host &b)
@@ -271,7 +281,7 @@ Daemon::~Daemon()
     if (pid > 0) {
         sync();
         EXPECT_EQ(descriptors(), descriptors_at_start) << "a descriptor was not closed";
-        EXPECT_EQ(host.locks(), Lines()) << "a lock was not released";
+        EXPECT_TRUE(fs::is_empty(host.path("/tmp"))) << "a lock was not released";
         EXPECT_EQ(stop(), 0);
         EXPECT_EQ(log.back(), "notice: controller_module_teardown(): Shutdown sequence finished!");
     }
@@ -286,11 +296,14 @@ bool Daemon::pump()
     char buf[65536];
     ssize_t n = read(err, buf, sizeof(buf));
     rest.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
-    for (size_t newline; (newline = rest.find('\n')) != rest.npos; rest.erase(0, newline + 1)) {
-        size_t ident = rest.find("]: ");
-        size_t start = ident < newline ? ident + 3 : 0;
+    size_t begin = 0;
+    for (size_t newline; (newline = rest.find('\n', begin)) != rest.npos; begin = newline + 1) {
+        size_t ident = rest.find("]: ", begin);
+        size_t start = ident < newline ? ident + 3 : begin;
         log.push_back(rest.substr(start, newline - start));
+        shorts_seen += log.back() == too_short;
     }
+    rest.erase(0, begin);
     return n > 0;
 }
 
@@ -306,7 +319,7 @@ void Daemon::send(const std::string &datagram)
 std::string Daemon::sync()
 {
     send("?");
-    while (std::count(log.begin(), log.end(), too_short) < shorts)
+    while (shorts_seen < shorts)
         must(pump() - 1, "a daemon that ended after " + (log.empty() ? "" : log.back()));
     first = next;
     next = static_cast<size_t>(std::find(log.rbegin(), log.rend(), too_short).base() - log.begin());
@@ -342,9 +355,14 @@ void Daemon::check(const std::string &datagram, const Tree &after, const std::st
     EXPECT_EQ(diff(after, host.tree()), "");
 }
 
-void Daemon::check(const std::string &datagram, const std::string &edits, const std::string &lines)
+void Daemon::check(const Tree &base, const std::vector<Case> &cases)
 {
-    check(datagram, edit(host.tree(), edits), lines);
+    for (const auto &[before, datagram, after, lines] : cases) {
+        SCOPED_TRACE("before: " + before + "; after: " + after);
+        host.put(edit(base, before));
+        check(datagram, edit(edit(base, before), after), lines);
+    }
+    host.put({});
 }
 
 Lines Daemon::sent()

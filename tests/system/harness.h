@@ -16,7 +16,10 @@
 
 using Lines = std::vector<std::string>;
 using Uids = std::vector<uint32_t>;
-/* Path below the root of the tree -> content of a file, "-> target" of a link, "/" of a directory. */
+/*
+ * Path below the root of the tree -> content of a file, "-> target" of a link, "/" of a directory. Locks are files that
+ * begin with "/tmp/".
+ */
 using Tree = std::map<std::string, std::string>;
 
 /*
@@ -69,7 +72,8 @@ class Host
     Lines locks() const;                    /* what lies in /tmp */
     void set_clock(int64_t seconds);
     void shell(const std::string &command);
-    /* A socket in this host's network: UDP bound to the address, or TCP connected to it. */
+    /* Sockets in this host's network: UDP bound to the address, or TCP connected to it. */
+    std::vector<int> sockets(int count, int type, const char *address, int port);
     int socket(int type, const char *address, int port);
     pid_t spawn(const Lines &argv, int stderr_fd);
 
@@ -96,6 +100,11 @@ Lines stopped_clock();              /* time is what Host::set_clock says */
 /* The configuration that daemons start from: unicast mode on loopback, no timer due, no waiting for locks. */
 extern const char base_config[];
 
+/* Edits of a tree, a message that then arrives, the edits that it must make, and the lines above info. */
+struct Case {
+    std::string before, message, after, lines;
+};
+
 class Daemon
 {
   public:
@@ -109,9 +118,9 @@ class Daemon
     std::string apply(const std::string &datagram);
     std::string publish(); /* SIGUSR1 and the pass that it forces */
     std::string reload();  /* SIGHUP and what it reads */
-    /* Applies a message that must change the tree as told and log these lines above info. */
-    void check(const std::string &datagram, const std::string &edits, const std::string &lines = "");
+    /* Applies a message that must leave the tree so and log these lines above info. */
     void check(const std::string &datagram, const Tree &after, const std::string &lines = "");
+    void check(const Tree &base, const std::vector<Case> &cases);
     Lines sent();                                     /* the datagrams at the host's peer, none of which stays there */
     std::string wait_for(const std::string &text);    /* a line that holds it, since the last sync */
     std::string step(const std::string &begin) const; /* the lines of the last sync's step that begin so */
@@ -125,7 +134,7 @@ class Daemon
 
   private:
     bool pump();
-    int err, shorts = 0; /* datagrams sent that are too short for a header */
+    int err, shorts = 0, shorts_seen = 0; /* datagrams that are too short for a header */
     int descriptors_at_start;
     size_t first = 0, next = 0; /* bounds of the last step in `log` */
     std::string rest;           /* of a line that is not yet whole */

@@ -121,75 +121,59 @@ TEST(Node, applies_each_message_by_its_length_and_type)
     Daemon d(host);
     const Tree known = edit(node_record("7", "ds1") + datastore_record("ds1", "7") + datastore_record("ds2", "8"),
                             "Node/7/lastping=1 Node/7/allocatedspace=1");
-    const Tree bare = edit(node_record("9"), "-Node/9/allocatedspace -Node/9/cur -Node/9/max -Node/9/mem -Node/9/data");
+    const std::string capacity = "-Node/7/allocatedspace -Node/7/cur -Node/7/max -Node/7/mem";
     const std::string now = "Node/7/lastping=now", left = now + " -Node/7/datastoremember";
-    std::string other = message(MSG_HEARTBEAT, 7, std::string(93, 'x')), zero = ds_ping(7, "ds1");
+    const std::string leave = message(MSG_DS_PING, 7);
+    std::string other = message(MSG_HEARTBEAT, 7, std::string(93, 'x'));
     other.replace(3, 1, "\4");
-    const struct {
-        std::string message;
-        Tree after;
-        std::string lines;
-    } cases[] = {
-        {message(MSG_PING, 9).substr(0, 206), known, "error: controller_thread_loop(): Malformed packet? #1\n"},
-        {message(MSG_PING, 9), known + bare, ""},
-        {message(MSG_HEARTBEAT, 9), known, ""},
-        {message(MSG_HEARTBEAT, 7), edit(known, now), ""},
-        {other, edit(known, now), ""},
-        {aux_ping(9).substr(0, 235), known, "error: handle_aux_ping(): Malformed Node Ping?\n"},
-        {aux_ping(9), known + node_record("9"), ""},
-        {aux_ping(7) + "more", edit(known, now + " Node/7/allocatedspace=201"), ""},
-        {vdisk_deleted(9, "v").substr(0, 224), known + bare, "error: handle_vdisk_deleted(): Malformed packet? #4\n"},
-        {message(5, 9), known, "error: handle_unknown(): Received unknown header type 5\n"},
-        {ds_ping(7, "ds1"), edit(known, now), ""},
-        {ds_ping(7, "ds1") + "more", edit(known, now), ""},
-        {ds_ping(7, "ds2"), edit(known, now + " Node/7/datastoremember=ds2 Datastore/ds2/members/7>../../../Node/7"),
-         ""},
-        {ds_ping(7, "0123456789abcd"),
-         edit(known + datastore_record("0123456789abcd", "7"), now + " Node/7/datastoremember=0123456789abcd"), ""},
-        {ds_ping(7, ""), edit(known, now), "error: handle_ds_ping(): Malformed Datastore UUID from Node 7: \n"},
-        {ds_ping(7, "."), edit(known, now), "error: handle_ds_ping(): Malformed Datastore UUID from Node 7: .\n"},
-        {ds_ping(7, ".."), edit(known, now), "error: handle_ds_ping(): Malformed Datastore UUID from Node 7: ..\n"},
-        {ds_ping(7, "../ds2"), edit(known, now),
-         "error: handle_ds_ping(): Malformed Datastore UUID from Node 7: ../ds2\n"},
-        {ds_ping(9, "ds1").substr(0, 293), known + bare, ""},
-    };
-    for (const auto &[message, after, lines] : cases) {
-        host.put(known);
-        d.check(message, after, lines);
-    }
-    /* Leaving a datastore: what is there, what is left, and what is told. */
-    const std::string root = "/mnt/DB/Node/7/";
-    const struct {
-        std::string before, after, lines, lock;
-    } roads[] = {
-        {"", left + " -Datastore/ds1/", "", ""},
-        {"Datastore/ds1/members/8>x", left + " -Datastore/ds1/members/7", "", ""},
-        {"-Datastore/ds1/members/", left + " -Datastore/ds1/", "", ""},
-        {"-Datastore/ds1/", left, "", ""},
-        {"-Node/7/datastoremember", now, "", ""},
-        {"Node/7/datastoremember=", left, "", ""},
-        {"Node/7/datastoremember=..", now, "error: NodeLoad_DSMember(): Malformed " + root + "datastoremember: ..\n",
-         ""},
-        {"Node/7/datastoremember=a/b", now, "error: NodeLoad_DSMember(): Malformed " + root + "datastoremember: a/b\n",
-         ""},
-        {"Node/7/datastoremember:ds1", now,
-         "error: StringLoad(): Malformed file datastoremember\n"
-         "error: NodeLoad_DSMember(): Failed to load " +
-             root + "datastoremember: -1\n",
-         ""},
-        {"-Datastore/ds1/members/ Datastore/ds1/members:", now,
-         "error: DatastoreUpdate_UnrefNode(): unlink(/mnt/DB/Datastore/ds1/members/7): Not a directory\n", ""},
-        {"", now, "", "/tmp/DS-ds1"},
-        {"", "", "", "/tmp/NODE-7"},
-    };
-    for (const auto &[before, after, lines, lock] : roads) {
-        host.put(edit(known, before));
-        if (!lock.empty())
-            host.write(lock, "");
-        d.check(message(MSG_DS_PING, 7), after, lines);
-        if (!lock.empty())
-            host.remove(lock);
-    }
+    const std::string bad_name = "error: handle_ds_ping(): Malformed Datastore UUID from Node 7: ",
+                      dir = "/mnt/DB/Node/7/";
+    d.check(
+        known,
+        {
+            {"", message(MSG_PING, 9).substr(0, 206), "", "error: controller_thread_loop(): Malformed packet? #1\n"},
+            {"", message(MSG_HEARTBEAT, 9), "", ""},
+            {"", message(MSG_HEARTBEAT, 7), now, ""},
+            {"", other, now, ""},
+            {"", aux_ping(9).substr(0, 235), "", "error: handle_aux_ping(): Malformed Node Ping?\n"},
+            {"", aux_ping(7) + "more", now + " Node/7/allocatedspace=201", ""},
+            {"", message(5, 9), "", "error: handle_unknown(): Received unknown header type 5\n"},
+            {"", ds_ping(7, "ds1") + "more", now, ""},
+            {"", ds_ping(7, "ds2"), now + " Node/7/datastoremember=ds2 Datastore/ds2/members/7>../../../Node/7", ""},
+            {"", ds_ping(7, ""), now, bad_name + "\n"},
+            {"", ds_ping(7, "."), now, bad_name + ".\n"},
+            {"", ds_ping(7, ".."), now, bad_name + "..\n"},
+            {"", ds_ping(7, "../ds2"), now, bad_name + "../ds2\n"},
+            {"/tmp/DS-ds2:", ds_ping(7, "ds2"), now, ""},
+            {"/tmp/NODE-7:", ds_ping(7, "ds2"), "", ""},
+            /* Leaving a datastore. */
+            {"", leave, left + " -Datastore/ds1/", ""},
+            {"Datastore/ds1/members/8>x", leave, left + " -Datastore/ds1/members/7", ""},
+            {"-Datastore/ds1/members/", leave, left + " -Datastore/ds1/", ""},
+            {"-Datastore/ds1/", leave, left, ""},
+            {"-Node/7/datastoremember", leave, now, ""},
+            {"Node/7/datastoremember=", leave, left, ""},
+            {"Node/7/datastoremember=..", leave, now,
+             "error: NodeLoad_DSMember(): Malformed " + dir + "datastoremember: ..\n"},
+            {"Node/7/datastoremember=a/b", leave, now,
+             "error: NodeLoad_DSMember(): Malformed " + dir + "datastoremember: a/b\n"},
+            {"Node/7/datastoremember:ds1", leave, now,
+             "error: StringLoad(): Malformed file datastoremember\n"
+             "error: NodeLoad_DSMember(): Failed to load " +
+                 dir + "datastoremember: -1\n"},
+            {"-Datastore/ds1/members/ Datastore/ds1/members:", leave, now,
+             "error: DatastoreUpdate_UnrefNode(): unlink(/mnt/DB/Datastore/ds1/members/7): Not a directory\n"},
+            {"/tmp/DS-ds1:", leave, now, ""},
+            {"/tmp/NODE-7:", leave, "", ""},
+        });
+    d.check(message(MSG_PING, 7), edit(node_record("7"), capacity));
+    host.put({});
+    d.check(ds_ping(7, "ds1").substr(0, 293), edit(node_record("7"), capacity));
+    host.put({});
+    d.check(vdisk_deleted(7, "v").substr(0, 224), edit(node_record("7"), capacity),
+            "error: handle_vdisk_deleted(): Malformed packet? #4\n");
+    const char *uuid = "0123456789abcd"; /* fills its field */
+    d.check(ds_ping(7, uuid), edit(node_record("7", uuid), capacity) + datastore_record(uuid, "7"));
     d.apply(message(200, 4294967295));
     EXPECT_EQ(d.step("debug: hdr_dump(): "),
               "major=2\nminor=1\ntype=200 [UNKNOWN]\nnodestatus=2\nuid=4294967295\nvendor=vendor\nmodel=model\n"
@@ -214,11 +198,10 @@ TEST(Lock, is_waited_for_in_doubling_sleeps)
         Host host;
         Daemon d(host, std::string("node_lock_timeout_ms = ") + timeout + "\n",
                  strace({"-e", "trace=nanosleep,clock_nanosleep", "-e", "signal=none"}));
-        host.put({});
-        host.write("/tmp/NODE-7", "1\n");
+        host.put({{"/tmp/NODE-7", ""}});
         d.apply(aux_ping(7));
         EXPECT_EQ(d.step("notice: PathLock(): "), lines);
-        EXPECT_EQ(diff({}, host.tree()), "");
+        EXPECT_EQ(diff({{"/tmp/NODE-7", ""}}, host.tree()), "");
         std::string slept, trace = host.read("/mnt/strace");
         for (size_t at = 0; (at = trace.find("tv_nsec=", at)) != trace.npos; at++)
             slept += std::to_string(std::stol(trace.substr(at + 8)) / 1000000) + " ";
@@ -265,9 +248,9 @@ TEST(Lock, that_fails_to_sync_stays_behind)
 {
     Host host;
     Daemon d(host, "", strace({"-e", "trace=fsync", "-e", "inject=fsync:error=EIO:when=1", "-P", "/tmp/NODE-7"}));
-    d.check(aux_ping(7), Tree(), "warn: PathLock(): fsync(/tmp/NODE-7): Input/output error\n");
-    d.check(aux_ping(7), Tree());
-    EXPECT_EQ(host.read("/tmp/NODE-7"), std::to_string(d.pid) + "\n");
+    const Tree left = {{"/tmp/NODE-7", std::to_string(d.pid) + "\n"}};
+    d.check(aux_ping(7), left, "warn: PathLock(): fsync(/tmp/NODE-7): Input/output error\n");
+    d.check(aux_ping(7), left);
     host.remove("/tmp/NODE-7");
     d.check(aux_ping(7), node_record("7"));
 }
