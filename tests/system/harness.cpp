@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <linux/close_range.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sched.h>
@@ -172,6 +173,7 @@ pid_t Host::spawn(const Lines &argv, int stderr_fd)
     must(setns(net, CLONE_NEWNET), "network namespace");
     must(chdir("/"), "/");
     dup2(stderr_fd, STDERR_FILENO);
+    must(close_range(3, ~0U, CLOSE_RANGE_CLOEXEC), "close_range"); /* whatever the tests' starter has left open */
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
     must(execvp(args[0], args.data()), argv[0]);
     _exit(127);

@@ -276,8 +276,8 @@ TEST(Frame, ends_with_status_0_and_without_a_word_to_peers)
 
     /* A wait that fails is no end, a socket that fails is one, and a clean one. */
     Daemon broken(host, "",
-                  strace({"-e", "trace=recvfrom,pselect6", "-e", "inject=recvfrom:error=EIO:when=2", "-e",
-                          "inject=pselect6:error=ENOMEM:when=1"}));
+                  strace({"-e", "trace=recvfrom,sendto,pselect6", "-e", "inject=sendto:error=EINTR:when=1", "-e",
+                          "inject=recvfrom:error=EIO:when=2", "-e", "inject=pselect6:error=ENOMEM:when=1"}));
     broken.send("?");
     EXPECT_EQ(broken.stop(0), 0);
     EXPECT_EQ(std::count(broken.log.begin(), broken.log.end(),
