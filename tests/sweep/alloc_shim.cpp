@@ -1,0 +1,59 @@
+/* Preloaded into the daemon: fails one allocation, made by the daemon or by the C library for it, and counts. */
+#include "tests/sweep/story.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <fcntl.h>
+#include <sys/auxv.h>
+#include <sys/mman.h>
+
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *old, size_t size);
+void __libc_free(void *old);
+}
+static Allocations none, *shared = &none;
+
+[[gnu::constructor]] static void attach()
+{
+    int fd = open("/mnt/alloc", O_RDWR | O_CLOEXEC);
+    shared = static_cast<Allocations *>(mmap(nullptr, sizeof(none), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+}
+
+static bool fails(const void *caller)
+{
+    if (shared->countdown == 0 || --shared->countdown > 0)
+        return false;
+    shared->own =
+        reinterpret_cast<uintptr_t>(caller) - getauxval(AT_PHDR) < 1 << 24; /* the program's headers are first */
+    errno = ENOMEM;
+    return true;
+}
+
+static void *counted(void *fresh)
+{
+    shared->alive += fresh != nullptr;
+    return fresh;
+}
+
+extern "C" void *malloc(size_t size)
+{
+    return fails(__builtin_return_address(0)) ? nullptr : counted(__libc_malloc(size));
+}
+
+extern "C" void *calloc(size_t count, size_t size)
+{
+    return fails(__builtin_return_address(0)) ? nullptr : counted(__libc_calloc(count, size));
+}
+
+extern "C" void *realloc(void *old, size_t size)
+{
+    return old ? __libc_realloc(old, size) : malloc(size);
+}
+
+extern "C" void free(void *old)
+{
+    shared->alive -= old != nullptr;
+    __libc_free(old);
+}
