@@ -1,19 +1,12 @@
 #include "tests/system/harness.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <linux/close_range.h>
-#include <net/if.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
@@ -35,41 +28,43 @@ static int must(long result, const std::string &what)
     return static_cast<int>(result);
 }
 
-/* What the test's side opens: nothing of it is left open in a daemon. */
 static int open_file(const std::string &path, int flags = O_RDONLY)
 {
     return must(open(path.c_str(), flags | O_CLOEXEC, 0600), path);
 }
 
-/* In a new process: /dev holds null and what a test binds there, /tmp the locks, /mnt all the rest. */
-static void become_host()
+/* A program that dies with this one and inherits nothing but these. */
+static pid_t start(const Lines &argv, int out, int err)
 {
-    struct ifreq lo = {{"lo"}, {}};
-    lo.ifr_flags = IFF_UP;
-    must(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
-    must(unshare(CLONE_NEWNET | CLONE_NEWNS), "unshare");
-    must(ioctl(socket(AF_INET, SOCK_DGRAM, 0), SIOCSIFFLAGS, &lo), "lo");
-    must(mount("mnt", "/mnt", "tmpfs", 0, nullptr), "/mnt");
-    must(mkdir("/mnt/dev", 0755), "/mnt/dev");
-    open_file("/mnt/dev/null", O_CREAT);
-    must(mount("/dev/null", "/mnt/dev/null", nullptr, MS_BIND, nullptr), "/dev/null");
-    must(mount("/mnt/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr), "/dev");
-    must(mount("tmp", "/tmp", "tmpfs", 0, nullptr), "/tmp");
+    std::vector<char *> args;
+    for (const std::string &arg : argv)
+        args.push_back(const_cast<char *>(arg.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = must(fork(), "fork");
+    if (pid > 0)
+        return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+    execvp(args[0], args.data());
+    _exit(127);
 }
+
+/* /dev holds null and what a test binds there, /tmp the locks, /mnt all the rest. */
+static const char make_host[] =
+    "ip link set lo up && mount -t tmpfs mnt /mnt && mkdir /mnt/dev && touch /mnt/dev/null && "
+    "mount --bind /dev/null /mnt/dev/null && mount --rbind /mnt/dev /dev && "
+    "mount -t tmpfs tmp /tmp && echo && exec sleep infinity >/dev/null";
 
 Host::Host(int number_) : number(number_)
 {
     int ready[2];
     must(pipe2(ready, O_CLOEXEC), "pipe");
-    holder = must(fork(), "fork");
-    if (holder == 0) {
-        become_host();
-        close(ready[1]);
-        for (;;)
-            pause();
-    }
+    holder = start({"unshare", "-nm", "/bin/sh", "-c", make_host}, ready[1], STDERR_FILENO);
     close(ready[1]);
-    must(::read(ready[0], &number_, 1), "read"); /* ends when the host is made, or its process died */
+    must(::read(ready[0], &number_, 1) - 1, "a host that cannot be made");
     close(ready[0]);
     fs::copy_file(MWD_BINARY, path("/mnt/mwd"));
     fs::copy_file(MWD_CLOCK, path("/mnt/clock.so"));
@@ -109,74 +104,62 @@ void Host::remove(const std::string &inside)
     fs::remove_all(path(inside));
 }
 
-static std::string place_of(const std::string &name)
-{
-    return name.starts_with("/tmp/") ? name : "/mnt/DB/" + name;
-}
-
 void Host::put(const Tree &tree)
 {
     remove("/mnt/DB");
     fs::create_directory(path("/mnt/DB"));
-    for (const auto &lock : fs::directory_iterator(path("/tmp")))
-        fs::remove(lock);
+    for (const std::string &lock : locks())
+        remove("/tmp/" + lock);
     for (const auto &[name, value] : tree) {
+        std::string inside = fs::path("/mnt/DB") / name; /* a lock's is absolute */
         if (value == "/")
-            fs::create_directories(path(place_of(name)));
+            fs::create_directories(path(inside));
         else if (value.starts_with("-> "))
-            fs::create_symlink(value.substr(3), path(place_of(name)));
+            fs::create_symlink(value.substr(3), path(inside));
         else
-            write(place_of(name), value);
+            write(inside, value);
     }
 }
 
 Tree Host::tree() const
 {
     Tree tree;
-    for (const std::string top : {"/mnt/DB/", "/tmp/"}) {
-        for (const auto &entry : fs::recursive_directory_iterator(path(top))) {
-            std::string name = (top == "/tmp/" ? top : "") + entry.path().string().substr(path(top).size());
-            if (entry.is_symlink())
-                tree[name] = "-> " + fs::read_symlink(entry).string();
-            else if (entry.is_directory())
-                tree[name + "/"] = "/";
-            else
-                tree[name] = read(place_of(name));
-            if (name.ends_with("/lastping") && labs(strtol(tree[name].c_str(), nullptr, 10) - time(nullptr)) < 3600)
-                tree[name] = "now\n";
-        }
+    const std::string root = path("/mnt/DB/");
+    for (const std::string &lock : locks())
+        tree["/tmp/" + lock] = read("/tmp/" + lock);
+    for (const auto &entry : fs::recursive_directory_iterator(root)) {
+        std::string name = entry.path().string().substr(root.size());
+        std::string &value = tree[name + (entry.is_directory() && !entry.is_symlink() ? "/" : "")];
+        value = entry.is_symlink()     ? "-> " + fs::read_symlink(entry).string()
+                : entry.is_directory() ? "/"
+                                       : read("/mnt/DB/" + name);
+        if (name.ends_with("/lastping") && labs(strtol(value.c_str(), nullptr, 10) - time(nullptr)) < 3600)
+            value = "now\n";
     }
     return tree;
+}
+
+Lines Host::locks() const
+{
+    Lines names;
+    for (const auto &entry : fs::directory_iterator(path("/tmp")))
+        names.push_back(entry.path().filename());
+    return names;
 }
 
 /* In place, since daemons have the file mapped. */
 void Host::set_clock(int64_t seconds)
 {
     int fd = open_file(path("/mnt/clock"), O_RDWR | O_CREAT);
-    must(::pwrite(fd, &seconds, sizeof(seconds), 0), "clock");
+    must(pwrite(fd, &seconds, sizeof(seconds), 0), "clock");
     close(fd);
 }
 
 pid_t Host::spawn(const Lines &argv, int stderr_fd)
 {
-    std::vector<char *> args;
-    for (const std::string &arg : argv)
-        args.push_back(const_cast<char *>(arg.c_str()));
-    args.push_back(nullptr);
-    const std::string ns = "/proc/" + std::to_string(holder) + "/ns/";
-    pid_t pid = must(fork(), "fork");
-    if (pid > 0)
-        return pid;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int net = open_file(ns + "net");
-    must(setns(open_file(ns + "mnt"), CLONE_NEWNS), "mount namespace");
-    must(setns(net, CLONE_NEWNET), "network namespace");
-    must(chdir("/"), "/");
-    dup2(stderr_fd, STDERR_FILENO);
-    must(close_range(3, ~0U, CLOSE_RANGE_CLOEXEC), "close_range"); /* whatever the tests' starter has left open */
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-    must(execvp(args[0], args.data()), argv[0]);
-    _exit(127);
+    Lines entered = {"nsenter", "-t", std::to_string(holder), "-m", "-n"};
+    entered.insert(entered.end(), argv.begin(), argv.end());
+    return start(entered, STDOUT_FILENO, stderr_fd);
 }
 
 void Host::shell(const std::string &command)
@@ -184,39 +167,28 @@ void Host::shell(const std::string &command)
     ASSERT_EQ(wait_for_exit(spawn({"/bin/sh", "-c", command}, STDERR_FILENO)), 0) << command;
 }
 
-/* The other network is entered for the calls that make the sockets. */
-std::vector<int> Host::sockets(int count, int type, const char *address, int port)
+/* The other network is entered for the call that makes the socket. */
+int Host::socket(int type, const char *address, int port)
 {
     int own = open_file("/proc/self/ns/net"), net = open_file("/proc/" + std::to_string(holder) + "/ns/net");
-    std::vector<int> made;
     must(setns(net, CLONE_NEWNET), "setns");
-    for (int i = 0; i < count; i++)
-        made.push_back(must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"));
+    int so = must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"), on = 1, size = 8 << 20;
     must(setns(own, CLONE_NEWNET), "setns");
     close(own);
     close(net);
+    setsockopt(so, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    setsockopt(so, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
     struct sockaddr_in sa = {AF_INET, htons(static_cast<uint16_t>(port)), {inet_addr(address)}, {}};
-    int on = 1, size = 8 << 20;
-    for (int so : made) {
-        setsockopt(so, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        setsockopt(so, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
-        auto call = type == SOCK_DGRAM ? bind : connect;
-        must(call(so, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)), address);
-    }
-    return made;
-}
-
-int Host::socket(int type, const char *address, int port)
-{
-    return sockets(1, type, address, port)[0];
+    must((type == SOCK_DGRAM ? bind : connect)(so, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)), address);
+    return so;
 }
 
 void wire(Host &a, Host &b)
 {
-    auto end = [](Host &host) {
-        return " eth0 netns " + std::to_string(strtol(host.path("").c_str() + 6, nullptr, 10));
-    };
-    ASSERT_EQ(system(("ip link add" + end(a) + " type veth peer" + end(b)).c_str()), 0);
+    ASSERT_EQ(system(("ip link add eth0 netns " + std::to_string(a.holder) + " type veth peer eth0 netns " +
+                      std::to_string(b.holder))
+                         .c_str()),
+              0);
     for (Host *host : {&a, &b})
         host->shell("ip addr add 10.0.0." + std::to_string(host->number) + "/24 dev eth0 && ip link set eth0 up");
 }
@@ -232,11 +204,11 @@ Lines drain(int so)
 
 std::string kinds(const Lines &datagrams)
 {
-    const std::map<char, std::string> names = {{4, "PING"},    {16, "DS"},   {32, "BEAT"},
-                                               {33, "SINGLE"}, {34, "GONE"}, {35, "AUX"}};
+    std::map<char, std::string> names = {{4, "PING:"},    {16, "DS:"},   {32, "BEAT:"},
+                                         {33, "SINGLE:"}, {34, "GONE:"}, {35, "AUX:"}};
     std::string text;
     for (const std::string &datagram : datagrams)
-        text += names.at(datagram.at(2)) + ":" + std::to_string(datagram.size()) + " ";
+        text += names[datagram[2]] + std::to_string(datagram.size()) + " ";
     return text;
 }
 
@@ -255,11 +227,6 @@ Lines strace(const Lines &options)
     Lines argv = {"strace", "-D", "-qq", "-E", "ASAN_OPTIONS=detect_leaks=0", "-o", "/mnt/strace"};
     argv.insert(argv.end(), options.begin(), options.end());
     return argv;
-}
-
-Lines stopped_clock()
-{
-    return {"env", "LD_PRELOAD=/mnt/clock.so"};
 }
 
 Daemon::Daemon(Host &on, const std::string &config, const Lines &prefix, const char *options) : host(on)
@@ -283,14 +250,13 @@ Daemon::~Daemon()
     if (pid > 0) {
         sync();
         EXPECT_EQ(descriptors(), descriptors_at_start) << "a descriptor was not closed";
-        EXPECT_TRUE(fs::is_empty(host.path("/tmp"))) << "a lock was not released";
+        EXPECT_EQ(host.locks(), Lines()) << "a lock was not released";
         EXPECT_EQ(stop(), 0);
         EXPECT_EQ(log.back(), "notice: controller_module_teardown(): Shutdown sequence finished!");
     }
     close(err);
 }
 
-/* Takes what the daemon writes next. Returns false at its end. */
 bool Daemon::pump()
 {
     struct pollfd ready = {err, POLLIN, 0};
@@ -300,8 +266,7 @@ bool Daemon::pump()
     rest.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
     size_t begin = 0;
     for (size_t newline; (newline = rest.find('\n', begin)) != rest.npos; begin = newline + 1) {
-        size_t ident = rest.find("]: ", begin);
-        size_t start = ident < newline ? ident + 3 : begin;
+        size_t ident = rest.find("]: ", begin), start = ident < newline ? ident + 3 : begin;
         log.push_back(rest.substr(start, newline - start));
         shorts_seen += log.back() == too_short;
     }
@@ -313,7 +278,7 @@ void Daemon::send(const std::string &datagram)
 {
     struct sockaddr_in to = {AF_INET, htons(8000), {htonl(INADDR_LOOPBACK)}, {}};
     shorts += datagram.size() < sizeof(Hdr);
-    must(sendto(host.peer, datagram.data(), datagram.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to)),
+    must(sendto(host.peer, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)),
          "sendto");
 }
 
@@ -329,6 +294,10 @@ std::string Daemon::sync()
     for (size_t i = first; i < next - 1; i++)
         if (!log[i].starts_with("debug: ") && !log[i].starts_with("info: "))
             lines += log[i] + "\n";
+    for (const auto &[text, sign] :
+         {std::pair<std::string, const char *>{"/mnt/DB/", "@"}, {"No such file or directory", "ENOENT"}})
+        for (size_t at; (at = lines.find(text)) != lines.npos;)
+            lines.replace(at, text.size(), sign);
     return lines;
 }
 
@@ -372,13 +341,13 @@ Lines Daemon::sent()
     return drain(host.peer);
 }
 
-std::string Daemon::wait_for(const std::string &text)
+void Daemon::wait_for(const std::string &text)
 {
     for (size_t i = next;; i++) {
         while (i == log.size())
             must(pump() - 1, "a daemon that ended after " + (log.empty() ? "" : log.back()));
         if (log[i].find(text) != std::string::npos)
-            return log[i];
+            return;
     }
 }
 
@@ -401,22 +370,16 @@ int Daemon::stop(int signal)
     return status;
 }
 
-void Daemon::wait_until_asleep() const
-{
-    std::string stat;
-    do
-        std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
-    while (stat.find(") S ") == stat.npos);
-}
-
 /* Counted while the daemon waits: every log line opens a socket for a moment. */
 int Daemon::descriptors() const
 {
-    wait_until_asleep();
-    return static_cast<int>(std::distance(fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"), {}));
+    const std::string proc = "/proc/" + std::to_string(pid);
+    for (std::string stat; stat.find(") S ") == stat.npos;)
+        std::getline(std::ifstream(proc + "/stat"), stat);
+    return static_cast<int>(std::distance(fs::directory_iterator(proc + "/fd"), {}));
 }
 
-Ended run(Host &host, const std::string &config, const Lines &options)
+std::pair<int, std::string> run(Host &host, const std::string &config, const Lines &options)
 {
     host.write("/mnt/mwd.conf", config);
     int err = open_file(host.path("/mnt/stderr"), O_RDWR | O_CREAT | O_TRUNC);
@@ -427,29 +390,13 @@ Ended run(Host &host, const std::string &config, const Lines &options)
     return {status, host.read("/mnt/stderr")};
 }
 
-/* All that the tests start dies with their process, which is the first of a process namespace. A plain user needs a
- * user namespace for that. */
-static int run_isolated()
-{
-    if (geteuid() != 0) {
-        std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
-        must(unshare(CLONE_NEWUSER), "user namespace");
-        std::ofstream("/proc/self/setgroups") << "deny";
-        std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
-        std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
-    }
-    must(unshare(CLONE_NEWPID | CLONE_NEWNS), "unshare");
-    pid_t pid = must(fork(), "fork");
-    if (pid > 0)
-        return waitpid(pid, &pid, 0) < 0 || pid != 0;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "/");
-    must(mount("proc", "/proc", "proc", 0, nullptr), "/proc");
-    return RUN_ALL_TESTS();
-}
-
+/* The tests run as the first process of a process namespace: all that they start dies with it. */
 int main(int argc, char **argv)
 {
+    std::vector<const char *> self = {"unshare", geteuid() == 0 ? "-pf" : "-rpf", "--kill-child", "--mount-proc"};
+    self.insert(self.end(), argv, argv + argc + 1);
+    if (getpid() != 1 && std::string(argv[argc - 1]) != "--gtest_list_tests")
+        must(execvp(self[0], const_cast<char **>(self.data())), self[0]);
     testing::InitGoogleTest(&argc, argv);
-    return testing::GTEST_FLAG(list_tests) ? RUN_ALL_TESTS() : run_isolated();
+    return RUN_ALL_TESTS();
 }

@@ -1,4 +1,4 @@
-/* Messages and records that say the same. */
+/* Messages, and the records that say the same. */
 #include "tests/system/harness.h"
 
 #include <algorithm>
@@ -16,16 +16,19 @@ Tree edit(Tree tree, const std::string &edits, const std::string &dir)
 {
     std::istringstream words(edits);
     for (std::string word; words >> word;) {
-        if (word[0] == '-') {
-            std::erase_if(tree, [&](const auto &entry) { return entry.first.starts_with(dir + word.substr(1)); });
-            continue;
-        }
-        size_t mark = word.find_first_of("=:>");
-        std::string path = dir + word.substr(0, mark), value = mark == word.npos ? "/" : word.substr(mark + 1);
+        const size_t gone = word[0] == '-', mark = std::min(word.find_first_of("=:>"), word.size());
+        std::string path = dir + word.substr(gone, mark - gone), value = word.substr(std::min(mark + 1, word.size()));
+        for (const auto &[sign, place] :
+             {std::pair{"V/", "VDisk/v1/"}, {"M7/", "VDisk/v1/memberinfo/7/"}, {"M8/", "VDisk/v1/memberinfo/8/"}})
+            if (path.starts_with(sign))
+                path.replace(0, strlen(sign), place);
         std::replace(value.begin(), value.end(), '|', '\n');
-        if (mark != word.npos)
-            value = word[mark] == '=' ? value + "\n" : word[mark] == '>' ? "-> " + value : value;
-        tree[path] = value;
+        if (gone)
+            std::erase_if(tree, [&](const auto &entry) { return entry.first.starts_with(path); });
+        else if (mark == word.size())
+            tree[path] = "/";
+        else
+            tree[path] = word[mark] == '=' ? value + "\n" : word[mark] == '>' ? "-> " + value : value;
     }
     return tree;
 }
@@ -35,10 +38,8 @@ std::string diff(const Tree &before, const Tree &after)
     std::string lines;
     for (const auto &[path, value] : before + after) {
         auto old = before.find(path), now = after.find(path);
-        if (old == before.end())
-            lines += "+" + path + ": " + value + "\r";
-        else if (now == after.end())
-            lines += "-" + path + ": " + value + "\r";
+        if (old == before.end() || now == after.end())
+            lines += (old == before.end() ? "+" : "-") + path + ": " + value + "\r";
         else if (old->second != now->second)
             lines += "~" + path + ": " + old->second + " => " + now->second + "\r";
     }
@@ -47,15 +48,10 @@ std::string diff(const Tree &before, const Tree &after)
     return lines;
 }
 
-Hdr header(uint8_t type, uint32_t uid)
-{
-    Hdr hdr = {2, 1, type, 2, uid, "vendor", "model", {1001, 1002, "rev"}, "serial", "hbtl", 1003, 104, 1005};
-    return hdr;
-}
-
 std::string message(uint8_t type, uint32_t uid, const std::string &body)
 {
-    return bytes(header(type, uid)) + body;
+    const Hdr hdr = {2, 1, type, 2, uid, "vendor", "model", {1001, 1002, "rev"}, "serial", "hbtl", 1003, 104, 1005};
+    return bytes(hdr) + body;
 }
 
 std::string ds_ping(uint32_t uid, const char *dsuuid)
@@ -104,18 +100,17 @@ std::string report(VDiskEntry vde, const Uids &members, const Uids &frontends)
     vde.frontends = static_cast<uint16_t>(frontends.size());
     std::string text = bytes(vde);
     for (const Uids *list : {&members, &frontends})
-        for (uint32_t number : *list)
-            text += bytes(number);
+        text.append(reinterpret_cast<const char *>(list->data()), list->size() * sizeof(uint32_t));
     return text;
 }
 
 Tree node_record(const std::string &uid, const std::string &dsuuid)
 {
     return edit({{"Node/", "/"}, {"Node/" + uid + "/", "/"}},
-                "vdisks/ version=v2.1 status=1 nodestatus=2 vendor=vendor model=model freespace=1001 "
-                "utilization=1002 revision=rev serial=serial hbtl=hbtl size=1003 performance=104 hostid=1005 "
-                "backupchannel=0.0.0.0 ipaddr=127.0.0.2 lastping=now allocatedspace=201 curvdisks=202 "
-                "curvdisksforctrl=203 maxvdisksforctrl=204 memtotal=205 memavail=206 uuid=" +
+                "vdisks/ version=v2.1 status=1 nodestatus=2 vendor=vendor model=model freespace=1001 utilization=1002 "
+                "revision=rev serial=serial hbtl=hbtl size=1003 performance=104 hostid=1005 backupchannel=0.0.0.0 "
+                "ipaddr=127.0.0.2 lastping=now allocatedspace=201 curvdisks=202 curvdisksforctrl=203 "
+                "maxvdisksforctrl=204 memtotal=205 memavail=206 uuid=" +
                     uid + (dsuuid.empty() ? "" : " datastoremember=" + dsuuid),
                 "Node/" + uid + "/");
 }
@@ -131,24 +126,23 @@ Tree datastore_record(const std::string &uuid, const std::string &member)
 
 Tree vdisk_record(const VDiskEntry &vde, const Lines &members, const std::string &dsuuid)
 {
-    std::string uuid(vde.uuid, strnlen(vde.uuid, sizeof(vde.uuid))), dir = "VDisk/" + uuid + "/", membership;
-    std::string gen = std::to_string(ntohs(vde.name.mshipgencnt)), link = ">../../../VDisk/" + uuid;
+    const std::string uuid(vde.uuid, strnlen(vde.uuid, UUID_WIDTH)), dir = "VDisk/" + uuid + "/";
+    const std::string gen = std::to_string(ntohs(vde.name.mshipgencnt)), link = ">../../../VDisk/" + uuid + " ";
     const char *parent = vde.description.snap.parent;
-    Tree tree = edit({{"VDisk/", "/"}, {dir, "/"}},
-                     "memberinfo/ name=name sector_size=301 sectors=303 replicas=307 st_mems=9 st_size=310 snapshot=" +
-                         std::to_string(vde.snapshot) + " uuid=" + uuid + " highest_gen_count=" + gen +
-                         (vde.snapshot == 0 ? " snapshots/ description=descr" : " snaptime=11-03-07_09.05.02 parent=") +
-                         (vde.snapshot == 0 ? "" : std::string(parent, strnlen(parent, 14))) +
-                         (dsuuid.empty() ? "" : " datastore>../../Datastore/" + dsuuid),
-                     dir);
+    std::string text =
+        "memberinfo/ name=name sector_size=301 sectors=303 replicas=307 st_mems=9 st_size=310 snapshot=" +
+        std::to_string(vde.snapshot) + " uuid=" + uuid + " highest_gen_count=" + gen + " ";
+    text += vde.snapshot == 0 ? "snapshots/ description=descr "
+                              : "snaptime=11-03-07_09.05.02 parent=" + std::string(parent, strnlen(parent, UUID_WIDTH));
+    Tree tree = edit({{"VDisk/", "/"}, {dir, "/"}}, text, dir);
     for (const std::string &uid : members) {
-        tree[dir + "memberinfo/" + uid + "/"] = "/";
         tree = edit(tree,
                     "numkeys=302 seqno=304 status=5 port=306 st_mem=8 frontend=10.0.0.1 membership_gen_count=" + gen +
                         (vde.snapshot == 0 ? " snap_limit=10" : "") + " nodestatus>../../../../Node/" + uid + "/status",
                     dir + "memberinfo/" + uid + "/");
-        tree = edit(tree, "Node/" + uid + "/vdisks/" + uuid + link);
+        tree = edit(tree, dir + "memberinfo/" + uid + "/ Node/" + uid + "/vdisks/" + uuid + link);
         tree[dir + "membership"] += uid + "\n";
     }
-    return dsuuid.empty() ? tree : edit(tree, "Datastore/" + dsuuid + "/vdisks/" + uuid + link);
+    const std::string ds = "Datastore/" + dsuuid;
+    return dsuuid.empty() ? tree : edit(tree, ds + "/vdisks/" + uuid + link + dir + "datastore>../../" + ds);
 }
