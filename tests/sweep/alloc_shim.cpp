@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 extern "C" {
 void *__libc_malloc(size_t size);
@@ -14,16 +15,18 @@ void *__libc_realloc(void *old, size_t size);
 void __libc_free(void *old);
 }
 static Allocations none, *shared = &none;
+static pid_t owner; /* its children share the file */
 
 [[gnu::constructor]] static void attach()
 {
+    owner = getpid();
     int fd = open("/mnt/alloc", O_RDWR | O_CLOEXEC);
     shared = static_cast<Allocations *>(mmap(nullptr, sizeof(none), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
 }
 
 static bool fails(const void *caller)
 {
-    if (shared->countdown == 0 || --shared->countdown > 0)
+    if (getpid() != owner || shared->countdown == 0 || --shared->countdown > 0)
         return false;
     shared->own =
         reinterpret_cast<uintptr_t>(caller) - getauxval(AT_PHDR) < 1 << 24; /* the program's headers are first */

@@ -136,6 +136,11 @@ static Lines inject(const std::string &call, const std::string &what, int number
 struct Call {
     const char *name, *error;
     bool silent = false; /* not every failure of it is told */
+
+    friend void PrintTo(const Call &call, std::ostream *out)
+    {
+        *out << call.name;
+    }
 };
 
 class Faults : public Sweep, public testing::WithParamInterface<Call>
