@@ -2,7 +2,6 @@
 #include "tests/system/harness.h"
 
 #include <algorithm>
-#include <regex>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -23,7 +22,10 @@ struct Client {
     std::string heard(const char *last)
     {
         d.wait_for(last);
-        return std::regex_replace(d.sync(), std::regex("127.0.0.1:[0-9]+"), "P");
+        std::string lines = d.sync();
+        for (size_t at; (at = lines.find("127.0.0.1:")) != lines.npos;)
+            lines.replace(at, lines.find_first_not_of("0123456789", at + 10) - at, "P");
+        return lines;
     }
     std::string end()
     {
@@ -153,7 +155,8 @@ TEST(Publish, sends_what_can_be_read)
         {"Node/7/hostid=x", "error: NodeLoad(): " + failed + "Node/7/hostid: 0\n", none},
         {"Node/7/nodestatus=1 Node/7/backupchannel=x", "error: NodeLoad(): inet_pton(x): 0\n", none},
         {"V/transaction_id=x", "error: VDiskLoad(): " + failed + "VDisk/v1/transaction_id: 0\n" + stop_v1, no_v1},
-        {"VDisk/s1/snaptime=1-2-3_4.5", "error: VDiskLoad(): Malformed @VDisk/s1/snaptime: 1-2-3_4.5\n" + stop_s1, no_s1},
+        {"VDisk/s1/snaptime=1-2-3_4.5", "error: VDiskLoad(): Malformed @VDisk/s1/snaptime: 1-2-3_4.5\n" + stop_s1,
+            no_s1},
         {"VDisk/s1/snaptime=1-2-3_4.5.6.7", "", all},
         {"VDisk/s1/parent=", "error: VDiskLoad(): Malformed @VDisk/s1/parent: \n" + stop_s1, no_s1},
         {"-M7/", no_openat + "7): ENOENT\n" + stop_v1, no_v1},
@@ -164,11 +167,14 @@ TEST(Publish, sends_what_can_be_read)
         {"M7/frontend=10.0.0.1|010.0.0.1", "error: FrontendsLoad(): inet_pton(010.0.0.1): 0\n" + stop_v1, no_v1},
     };
     for (const auto &[dir, op, keys, stopped, sent] : std::vector<std::array<std::string, 5>>{
-        {"Node/7/", "NodeLoad", "version nodestatus vendor model freespace utilization revision serial hbtl size performance "
-            "backupchannel hostid allocatedspace curvdisks curvdisksforctrl maxvdisksforctrl memtotal memavail", "", none},
+        {"Node/7/", "NodeLoad", "version nodestatus vendor model freespace utilization revision serial hbtl size "
+            "performance backupchannel hostid allocatedspace curvdisks curvdisksforctrl maxvdisksforctrl memtotal "
+            "memavail", "", none},
         {"Datastore/ds1/", "DatastoreLoad", "uuid name description sector_size replicas stripes overcommit", "", no_ds},
-        {"VDisk/v1/", "VDiskLoad", "uuid name sector_size sectors replicas st_mems st_size snapshot description", stop_v1, no_v1},
-        {"VDisk/v1/memberinfo/7/", "VDiskLoad", "numkeys seqno status port st_mem membership_gen_count", stop_v1, no_v1},
+        {"VDisk/v1/", "VDiskLoad", "uuid name sector_size sectors replicas st_mems st_size snapshot description",
+            stop_v1, no_v1},
+        {"VDisk/v1/memberinfo/7/", "VDiskLoad", "numkeys seqno status port st_mem membership_gen_count", stop_v1,
+            no_v1},
         {"VDisk/s1/", "VDiskLoad", "snaptime parent", stop_s1, no_s1}}) {
         // clang-format on
         std::istringstream words(keys);
@@ -187,7 +193,8 @@ TEST(Publish, sends_what_can_be_read)
             client.say(line, "MSG from");
             seen += "/ " + kinds(d.sent());
         }
-        EXPECT_EQ(std::regex_replace(seen, std::regex(":[0-9]+"), ""), sent) << edits;
+        std::erase_if(seen, [](char c) { return isdigit(c) || c == ':'; });
+        EXPECT_EQ(seen, sent) << edits;
     }
     client.end();
     host.put({});

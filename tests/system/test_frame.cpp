@@ -19,9 +19,10 @@ TEST(Frame, reads_every_form_of_line_and_every_bound_of_a_number)
     // clang-format off
     Pairs cases = {
         {"# a\n; b\n \t", "syslog_ident=mwd syslog_facility=daemon syslog_priority=info pid_file=/mnt/mwd.pid "
-            "work_directory=/mnt/DB local_nodes=/marblewell/local_nodes unicast_mode=0 unicast_hosts=/marblewell/unicast_hosts "
-            "bind_interface=none0 bind_port=8000 ctrl_address=127.0.0.1 ctrl_port=31337 multicast_address=224.123.123.123 "
-            "node_lock_timeout_ms=750 datastore_lock_timeout_ms=750 vdisk_lock_timeout_ms=750 "
+            "work_directory=/mnt/DB local_nodes=/marblewell/local_nodes unicast_mode=0 "
+            "unicast_hosts=/marblewell/unicast_hosts bind_interface=none0 bind_port=8000 ctrl_address=127.0.0.1 "
+            "ctrl_port=31337 multicast_address=224.123.123.123 node_lock_timeout_ms=750 "
+            "datastore_lock_timeout_ms=750 vdisk_lock_timeout_ms=750 "
             "fence_check=/usr/tidewatcher/fencecheck ping_interval=90 heartbeat_interval=30 stats_interval=60\n"},
         {" # a", "Broken config line ` # a'"}, {"ident", "Broken config line `ident'"},
         {ident + "a # b", "Broken config line `syslog_ident=a # b'"}, {ident + "\"a # b\" ", "ident=a # b syslog"},

@@ -80,7 +80,8 @@ TEST(Report, changes_what_its_generation_and_transaction_allow)
         /* What a create that was cut short has left. */
         {"-V/memberinfo/", from7(5), "", no_openat + "memberinfo): ENOENT\n"},
         {"-V/memberinfo/", single(7, report(in_transaction(plain("v1")))), "", no_openat + "memberinfo): ENOENT\n"},
-        {"V/highest_gen_count:", from7(5), seqno, "error: AttrLoad(): Empty file highest_gen_count\n" + failed + ": -1\n"},
+        {"V/highest_gen_count:", from7(5), seqno,
+            "error: AttrLoad(): Empty file highest_gen_count\n" + failed + ": -1\n"},
         {"-V/highest", from7(5), seqno, no_openat + "highest_gen_count): ENOENT\n" + failed + ": -1\n"},
         {"V/highest_gen_count=x", from7(5), seqno, failed + ": 0\n"},
         {"-V/membership", from7(5), r + "V/membership=7", no_openat + "membership): ENOENT\n"},
@@ -96,10 +97,12 @@ TEST(Report, changes_what_its_generation_and_transaction_allow)
             r + "M7/frontend=255.255.255.255|0.0.0.1", ""},
         {"V/datastore>x M7/nodestatus>y Node/7/vdisks/v1=z", from7(5), r, ""},
         {"-Datastore/ds1/vdisks/v1", from7(5), r, ""},
-        {"-V/datastore -Node/7/vdisks/v1 -Node/7/datastoremember", from7(5), numbers("7") + "Node/7/vdisks/v1>../../../VDisk/v1", ""},
+        {"-V/datastore -Node/7/vdisks/v1 -Node/7/datastoremember", from7(5),
+            numbers("7") + "Node/7/vdisks/v1>../../../VDisk/v1", ""},
         {"-V/datastore Node/7/datastoremember=", from7(5), r, ""},
         {"-V/datastore /tmp/DS-ds1:", from7(5), numbers("7") + ds_link, ""},
-        {"-V/datastore -Datastore/ds1/vdisks/", from7(5), numbers("7") + ds_link, no_open + "Datastore/ds1/vdisks): ENOENT\n"},
+        {"-V/datastore -Datastore/ds1/vdisks/", from7(5), numbers("7") + ds_link,
+            no_open + "Datastore/ds1/vdisks): ENOENT\n"},
     });
     // clang-format on
 }
@@ -139,7 +142,7 @@ TEST(Report, runs_the_fence_check_once_for_each_raise)
     host.write("/mnt/fence", "#!/bin/sh\ncat /tmp/VDISK-v1 /mnt/DB/VDisk/v1/highest_gen_count >>/mnt/calls\nexit 1\n");
     host.shell("chmod 755 /mnt/fence");
     Daemon d(host, "", strace({"-f", "-etrace=execve", "-esignal=none"}));
-    for (unsigned gen : {6, 6, 5, 8})
+    for (unsigned gen : {6U, 6U, 5U, 8U})
         EXPECT_EQ(d.apply(single(7, report(plain("v1", gen)))), "");
     const std::string held = std::to_string(d.pid) + "\n";
     EXPECT_EQ(host.read("/mnt/calls"), held + "6\n" + held + "8\n") << "the lock is held and all is stored by then";
@@ -225,7 +228,8 @@ TEST(Member, leaves_and_takes_the_vdisk_along)
     });
     /* The link of a Snapshot in its parent comes when both are there, and goes with the Snapshot. */
     const std::string s1 = single(7, report(snapshot("s1", "v1"))), linked = "V/snapshots/s1>../../../VDisk/s1 ";
-    const std::string s = "-VDisk/s1/ -Node/7/vdisks/s1 -Datastore/ds1/vdisks/s1", half_s = "-VDisk/s1/memberinfo/ -Node/7/vdisks/s1";
+    const std::string s = "-VDisk/s1/ -Node/7/vdisks/s1 -Datastore/ds1/vdisks/s1";
+    const std::string half_s = "-VDisk/s1/memberinfo/ -Node/7/vdisks/s1";
     d.check(nodes + vdisk_record(plain("v1"), {"7"}, "ds1") + vdisk_record(snapshot("s1", "v1"), {"7"}, "ds1"), {
         {"", s1, linked, ""}, {"V/snapshots/s1>x", s1, "", ""}, {"-V/", s1, "", ""},
         {"", single(7, report(in_transaction(snapshot("s1", "v1")))), "", ""}, {"/tmp/VDISK-v1:", s1, "", ""},
@@ -247,30 +251,27 @@ TEST(Ping, fills_a_datagram_and_no_more)
     host.write("/mnt/local_nodes", "7\n");
     Daemon d(host);
     d.sent();
-    // clang-format off
-    const std::tuple<unsigned, unsigned, std::string> cases[] = {
-        {4, 16200, ""}, {1, 16294, "error: xmit_msg(): sendto(127.0.0.2:8000, 65508): Message too long\n"},
-        {1, 16301, "error: xmit_msg(): sendto(127.0.0.2:8000, 65536): Message too long\n"},
-        {1, 16302, "error: send_pings(): Oversized PING from Node 7\n"},
-    };
-    // clang-format on
-    for (const auto &[vdisks, members, lines] : cases) {
-        std::string membership;
-        for (unsigned i = 1; i <= members; i++)
-            membership += std::to_string(i) + "\n";
+    const std::string too_long = "error: xmit_msg(): sendto(127.0.0.2:8000, ",
+                      oversized = "error: send_pings(): Oversized PING";
+    for (const auto &[vdisks, members, lines] :
+         std::vector<std::tuple<int, int, std::string>>{{4, 16200, ""},
+                                                        {1, 16294, too_long + "65508): Message too long\n"},
+                                                        {1, 16301, too_long + "65536): Message too long\n"},
+                                                        {1, 16302, oversized + " from Node 7\n"}}) {
         Tree tree = node_record("7", "ds1") + datastore_record("ds1");
-        for (unsigned i = 1; i <= vdisks; i++) {
-            const std::string uuid = "v" + std::to_string(i), dir = "VDisk/" + uuid + "/";
-            tree = edit(tree + vdisk_record(plain(uuid.c_str())), "memberinfo/7/frontend: membership:", dir);
-        }
-        tree["VDisk/v1/membership"] = membership;
+        for (const char *uuid : {"v1", "v2", "v3", "v4"})
+            if (uuid[1] - '0' <= vdisks)
+                tree = edit(tree + vdisk_record(plain(uuid)),
+                            "memberinfo/7/frontend: membership:", std::string("VDisk/") + uuid + "/");
+        std::string &membership = tree["VDisk/v1/membership"];
+        for (int i = 1; i <= members; i++)
+            membership += std::to_string(i) + "\n";
         host.put(tree);
         EXPECT_EQ(d.publish(), lines);
         Lines datagrams = d.sent();
         EXPECT_EQ(kinds(datagrams), "DS:294 AUX:236 " + std::string(lines.empty() ? "PING:65507 " : ""));
-        if (lines.empty()) {
-            d.apply(datagrams.at(2).replace(4, 1, "\10"));
-            EXPECT_EQ(host.read("/mnt/DB/VDisk/v1/membership"), membership);
-        }
+        d.apply(datagrams.back().replace(4, 1, "\10"));
+        EXPECT_EQ(host.tree()["VDisk/v1/memberinfo/8/"], lines.empty() ? "/" : "");
+        EXPECT_EQ(host.read("/mnt/DB/VDisk/v1/membership"), membership);
     }
 }
