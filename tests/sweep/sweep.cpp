@@ -60,7 +60,7 @@ class Sweep : public testing::Test
     {
         std::filesystem::copy_file("/bin/true", host.path("/mnt/fence"));
         host.write("/mnt/local_nodes", "9\n");
-        begin();
+        host.put(story_local());
         Daemon daemon(host, quiet, {}, "-d");
         undisturbed = play(daemon);
         EXPECT_EQ(play(daemon), undisturbed);
@@ -72,13 +72,6 @@ class Sweep : public testing::Test
     ~Sweep()
     {
         printf("%d cases, %d states that stay\n", cases, forgiven);
-    }
-
-    void begin()
-    {
-        host.remove("/mnt/DB");
-        unlock();
-        host.put(story_local());
     }
 
     /* As an operator does. */
@@ -102,7 +95,7 @@ class Sweep : public testing::Test
     /* Which of the calls of that name the daemon makes for the story, and not to write its log. */
     std::vector<int> calls_of_story(const std::string &call)
     {
-        begin();
+        host.put(story_local());
         Daemon daemon(host, quiet, strace({"-e", "trace=recvfrom," + call}), "-d");
         play(daemon);
         std::istringstream trace(host.read("/mnt/strace"));
@@ -161,7 +154,7 @@ TEST_P(Faults, are_mended)
     const auto &[call, error, silent] = GetParam();
     std::vector<int> calls = calls_of_story(call);
     for (size_t i = 0; i < calls.size(); i += step()) {
-        begin();
+        host.put(story_local());
         Daemon daemon(host, quiet, inject(call, std::string("error=") + error, calls[i]), "-d");
         std::string lines = play(daemon), trace = host.read("/mnt/strace");
         size_t end = trace.find(" (INJECTED)"), start = trace.rfind('\n', end) + 1;
@@ -191,7 +184,7 @@ TEST_P(Crashes, are_mended)
     std::vector<int> calls = calls_of_story(GetParam());
     for (size_t i = 0; i < calls.size(); i += step()) {
         SCOPED_TRACE(calls[i]);
-        begin();
+        host.put(story_local());
         {
             Daemon daemon(host, quiet, inject(GetParam(), "signal=KILL", calls[i]), "-d");
             EXPECT_THROW(play(daemon), std::system_error);
@@ -218,7 +211,7 @@ TEST_F(Sweep, full_file_systems_are_mended)
         };
         for (size_t pages = 0; pages <= most; pages += step()) {
             SCOPED_TRACE(where + " " + std::to_string(pages));
-            begin();
+            host.put(story_local());
             Daemon daemon(host, quiet, {}, "-d");
             host.write(where + "/filler", "x");
             auto space = std::filesystem::space(host.path(where));
@@ -237,10 +230,10 @@ TEST_F(Sweep, failed_allocations_are_mended)
     int fd = open(host.path("/mnt/alloc").c_str(), O_RDWR | O_CLOEXEC);
     auto *shared = static_cast<volatile Allocations *>(
         mmap(nullptr, sizeof(Allocations), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    begin();
+    host.put(story_local());
     Daemon daemon(host, quiet, {"env", "LD_PRELOAD=/mnt/alloc.so"}, "-d");
     play(daemon);
-    begin();
+    host.put(story_local());
     const long many = 1000000;
     shared->countdown = many;
     play(daemon);
@@ -252,7 +245,7 @@ TEST_F(Sweep, failed_allocations_are_mended)
         GTEST_SKIP() << "this build has an allocator of its own";
     for (long n = 1; n <= all; n += static_cast<long>(step())) {
         SCOPED_TRACE(n);
-        begin();
+        host.put(story_local());
         shared->countdown = n;
         std::string lines = play(daemon);
         ASSERT_EQ(shared->countdown, 0);
