@@ -205,9 +205,9 @@ INSTANTIATE_TEST_SUITE_P(Each, Crashes,
 /* The file system of the tree, then that of the locks, has room for so many pages more. */
 TEST_F(Sweep, full_file_systems_are_mended)
 {
-    for (auto [where, most] : {std::pair<std::string, size_t>{"/mnt", 120}, {"/tmp", 1}}) {
-        auto limit = [&](size_t size) {
-            host.shell("mount -o remount,size=" + std::to_string(size) + " " + where);
+    for (const auto &[where, most] : {std::pair<std::string, size_t>{"/mnt", 120}, {"/tmp", 1}}) {
+        auto limit = [&, at = where](size_t size) {
+            host.shell("mount -o remount,size=" + std::to_string(size) + " " + at);
         };
         for (size_t pages = 0; pages <= most; pages += step()) {
             SCOPED_TRACE(where + " " + std::to_string(pages));
