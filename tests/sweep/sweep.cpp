@@ -71,7 +71,8 @@ class Sweep : public testing::Test
 
     ~Sweep()
     {
-        printf("%d cases, %d states that stay\n", cases, forgiven);
+        const auto *test = testing::UnitTest::GetInstance()->current_test_info();
+        printf("%s.%s: %d cases, %d states that stay\n", test->test_suite_name(), test->name(), cases, forgiven);
     }
 
     /* As an operator does. */
@@ -238,8 +239,9 @@ TEST_F(Sweep, failed_allocations_are_mended)
     const long many = 1000000;
     shared->countdown = many;
     play(daemon);
-    auto alive = [&] { /* once the daemon sleeps */
-        return daemon.descriptors() > 0 ? shared->alive : 0;
+    auto alive = [&] {
+        daemon.descriptors(); /* waits until the daemon sleeps */
+        return shared->alive;
     };
     const long all = many - shared->countdown, before = alive();
     for (long n = 1; n <= all; n += static_cast<long>(step())) {
