@@ -247,12 +247,18 @@ Daemon::Daemon(Host &on, const std::string &config, const Lines &prefix, const c
 
 Daemon::~Daemon()
 {
-    if (pid > 0) {
-        sync();
-        EXPECT_EQ(descriptors(), descriptors_at_start) << "a descriptor was not closed";
-        EXPECT_EQ(host.locks(), Lines()) << "a lock was not released";
-        EXPECT_EQ(stop(), 0);
-        EXPECT_EQ(log.back(), "notice: controller_module_teardown(): Shutdown sequence finished!");
+    try {
+        if (pid > 0) {
+            sync();
+            EXPECT_EQ(descriptors(), descriptors_at_start) << "a descriptor was not closed";
+            EXPECT_EQ(host.locks(), Lines()) << "a lock was not released";
+            EXPECT_EQ(stop(), 0);
+            EXPECT_EQ(log.back(), "notice: controller_module_teardown(): Shutdown sequence finished!");
+        }
+    } catch (const std::exception &failure) {
+        ADD_FAILURE() << failure.what();
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
     }
     close(err);
 }
@@ -374,8 +380,10 @@ int Daemon::stop(int signal)
 int Daemon::descriptors() const
 {
     const std::string proc = "/proc/" + std::to_string(pid);
-    for (std::string stat; stat.find(") S ") == stat.npos;)
+    for (std::string stat; stat.find(") S ") == stat.npos;) {
         std::getline(std::ifstream(proc + "/stat"), stat);
+        must(stat.empty() || stat.find(") Z ") != stat.npos ? -1 : 0, "a daemon that ended after " + log.back());
+    }
     return static_cast<int>(std::distance(fs::directory_iterator(proc + "/fd"), {}));
 }
 
@@ -397,6 +405,8 @@ int main(int argc, char **argv)
     self.insert(self.end(), argv, argv + argc + 1);
     if (getpid() != 1 && std::string(argv[argc - 1]) != "--gtest_list_tests")
         must(execvp(self[0], const_cast<char **>(self.data())), self[0]);
+    for (int number : {SIGINT, SIGTERM})
+        signal(number, _exit); /* which a first process would not do by itself */
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

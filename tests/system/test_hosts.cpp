@@ -41,7 +41,7 @@ static void keep_in_step(const char *config)
         db.sync();
         EXPECT_EQ(apart(a, b), "~Node/7/vendor: changed| => vendor|\n");
         b.shell("ip link set eth0 up");
-        for (int i = 0; i < 10000 && !apart(a, b).empty(); i++) /* until the wire carries again */
+        for (int i = 0; i < 2000 && !apart(a, b).empty(); i++) /* until the wire carries again */
             tell(da, db);
         EXPECT_EQ(apart(a, b), "");
     }
