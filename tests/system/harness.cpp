@@ -401,7 +401,7 @@ std::pair<int, std::string> run(Host &host, const std::string &config, const Lin
 /* The tests run as the first process of a process namespace: all that they start dies with it. */
 int main(int argc, char **argv)
 {
-    std::vector<const char *> self = {"unshare", geteuid() == 0 ? "-pf" : "-rpf", "--kill-child", "--mount-proc"};
+    std::vector<const char *> self = {"unshare", geteuid() == 0 ? "-npf" : "-rnpf", "--kill-child", "--mount-proc"};
     self.insert(self.end(), argv, argv + argc + 1);
     if (getpid() != 1 && std::string(argv[argc - 1]) != "--gtest_list_tests")
         must(execvp(self[0], const_cast<char **>(self.data())), self[0]);
