@@ -1,19 +1,17 @@
 #include "tests/system/harness.h"
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <linux/close_range.h>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-constexpr int DEADLINE_MS = 60000;
 static const char too_short[] = "error: controller_thread_loop(): Malformed packet? #1";
 const char base_config[] =
     "pid_file = /mnt/mwd.pid\nwork_directory = /mnt/DB\nlocal_nodes = /mnt/local_nodes\nunicast_mode = 1\n"
@@ -28,13 +26,8 @@ static int must(long result, const std::string &what)
     return static_cast<int>(result);
 }
 
-static int open_file(const std::string &path, int flags = O_RDONLY)
-{
-    return must(open(path.c_str(), flags | O_CLOEXEC, 0600), path);
-}
-
-/* A program that dies with this one and inherits nothing but these. */
-static pid_t start(const Lines &argv, int out, int err)
+/* A program that dies with this one and inherits no more than stderr. */
+static pid_t start(const Lines &argv, int err)
 {
     std::vector<char *> args;
     for (const std::string &arg : argv)
@@ -44,7 +37,6 @@ static pid_t start(const Lines &argv, int out, int err)
     if (pid > 0)
         return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
@@ -52,23 +44,20 @@ static pid_t start(const Lines &argv, int out, int err)
     _exit(127);
 }
 
-/* /dev holds null and what a test binds there, /tmp the locks, /mnt all the rest. */
-static const char make_host[] =
-    "ip link set lo up && mount -t tmpfs mnt /mnt && mkdir /mnt/dev && touch /mnt/dev/null && "
-    "mount --bind /dev/null /mnt/dev/null && mount --rbind /mnt/dev /dev && "
-    "mount -t tmpfs tmp /tmp && echo && exec sleep infinity >/dev/null";
+/* /dev holds null and what a test binds there, /tmp the locks, /mnt all the rest. The shell stops once that is made. */
+static const char make_host[] = "ip link set lo up && mount -t tmpfs mnt /mnt && mkdir /mnt/dev && "
+                                "mknod /mnt/dev/null c 1 3 && mount --bind /mnt/dev /dev && mount -t tmpfs tmp /tmp && "
+                                "kill -STOP $$";
 
-Host::Host(int number_) : number(number_)
+Host::Host(int number_) : number(number_), holder(start({"unshare", "-nm", "/bin/sh", "-c", make_host}, STDERR_FILENO))
 {
-    int ready[2];
-    must(pipe2(ready, O_CLOEXEC), "pipe");
-    holder = start({"unshare", "-nm", "/bin/sh", "-c", make_host}, ready[1], STDERR_FILENO);
-    close(ready[1]);
-    must(::read(ready[0], &number_, 1) - 1, "a host that cannot be made");
-    close(ready[0]);
+    int status;
+    waitpid(holder, &status, WUNTRACED);
+    must(WIFSTOPPED(status) - 1, "a host that cannot be made");
     fs::copy_file(MWD_BINARY, path("/mnt/mwd"));
     fs::copy_file(MWD_CLOCK, path("/mnt/clock.so"));
     write("/mnt/local_nodes", "");
+    write("/mnt/clock", std::string(sizeof(time_t), 0));
     write("/mnt/unicast_hosts", "127.0.0.2\n");
     peer = socket(SOCK_DGRAM, "127.0.0.2", 8000);
 }
@@ -80,11 +69,6 @@ Host::~Host()
     waitpid(holder, nullptr, 0);
 }
 
-std::string Host::path(const std::string &inside) const
-{
-    return "/proc/" + std::to_string(holder) + "/root" + inside;
-}
-
 std::string Host::read(const std::string &inside) const
 {
     std::ifstream file(path(inside), std::ios::binary);
@@ -94,8 +78,7 @@ std::string Host::read(const std::string &inside) const
 void Host::write(const std::string &inside, const std::string &content)
 {
     std::ofstream file(path(inside), std::ios::binary);
-    file << content << std::flush;
-    must(file ? 0 : -1, inside);
+    must(file << content << std::flush ? 0 : -1, inside);
 }
 
 void Host::remove(const std::string &inside)
@@ -129,11 +112,12 @@ Tree Host::tree() const
         tree["/tmp/" + lock] = read("/tmp/" + lock);
     for (const auto &entry : fs::recursive_directory_iterator(root)) {
         std::string name = entry.path().string().substr(root.size());
-        std::string &value = tree[name + (entry.is_directory() && !entry.is_symlink() ? "/" : "")];
-        value = entry.is_symlink()     ? "-> " + fs::read_symlink(entry).string()
-                : entry.is_directory() ? "/"
-                                       : read("/mnt/DB/" + name);
-        if (name.ends_with("/lastping") && labs(strtol(value.c_str(), nullptr, 10) - time(nullptr)) < 3600)
+        if (entry.is_symlink())
+            tree[name] = "-> " + fs::read_symlink(entry).string();
+        else if (entry.is_directory())
+            tree[name + "/"] = "/";
+        else if (std::string &value = tree[name] = read("/mnt/DB/" + name);
+                 name.ends_with("/lastping") && labs(atol(value.c_str()) - time(nullptr)) < 3600)
             value = "now\n";
     }
     return tree;
@@ -147,19 +131,15 @@ Lines Host::locks() const
     return names;
 }
 
-/* In place, since daemons have the file mapped. */
-void Host::set_clock(int64_t seconds)
+void Host::set_clock(time_t seconds)
 {
-    int fd = open_file(path("/mnt/clock"), O_RDWR | O_CREAT);
-    must(pwrite(fd, &seconds, sizeof(seconds), 0), "clock");
-    close(fd);
+    std::fstream clock(path("/mnt/clock"), std::ios::in | std::ios::out); /* in place: daemons have the file mapped */
+    clock.write(reinterpret_cast<const char *>(&seconds), sizeof(seconds));
 }
 
 pid_t Host::spawn(const Lines &argv, int stderr_fd)
 {
-    Lines entered = {"nsenter", "-t", std::to_string(holder), "-m", "-n"};
-    entered.insert(entered.end(), argv.begin(), argv.end());
-    return start(entered, STDOUT_FILENO, stderr_fd);
+    return start(Lines{"nsenter", "-t", std::to_string(holder), "-m", "-n"} + argv, stderr_fd);
 }
 
 void Host::shell(const std::string &command)
@@ -170,36 +150,17 @@ void Host::shell(const std::string &command)
 /* The other network is entered for the call that makes the socket. */
 int Host::socket(int type, const char *address, int port)
 {
-    int own = open_file("/proc/self/ns/net"), net = open_file("/proc/" + std::to_string(holder) + "/ns/net");
+    static const int own = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    int net = open(("/proc/" + std::to_string(holder) + "/ns/net").c_str(), O_RDONLY), on = 1, size = 8 << 20;
     must(setns(net, CLONE_NEWNET), "setns");
-    int so = must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket"), on = 1, size = 8 << 20;
+    int so = must(::socket(AF_INET, type | SOCK_CLOEXEC, 0), "socket");
     must(setns(own, CLONE_NEWNET), "setns");
-    close(own);
     close(net);
     setsockopt(so, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     setsockopt(so, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
     struct sockaddr_in sa = {AF_INET, htons(static_cast<uint16_t>(port)), {inet_addr(address)}, {}};
     must((type == SOCK_DGRAM ? bind : connect)(so, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)), address);
     return so;
-}
-
-void wire(Host &a, Host &b)
-{
-    ASSERT_EQ(system(("ip link add eth0 netns " + std::to_string(a.holder) + " type veth peer eth0 netns " +
-                      std::to_string(b.holder))
-                         .c_str()),
-              0);
-    for (Host *host : {&a, &b})
-        host->shell("ip addr add 10.0.0." + std::to_string(host->number) + "/24 dev eth0 && ip link set eth0 up");
-}
-
-Lines drain(int so)
-{
-    Lines datagrams;
-    static char buf[65536];
-    for (ssize_t n; (n = recv(so, buf, sizeof(buf), MSG_DONTWAIT)) >= 0;)
-        datagrams.emplace_back(buf, n);
-    return datagrams;
 }
 
 std::string kinds(const Lines &datagrams)
@@ -214,9 +175,6 @@ std::string kinds(const Lines &datagrams)
 
 int wait_for_exit(pid_t pid)
 {
-    struct pollfd end = {must(syscall(SYS_pidfd_open, pid, 0), "pidfd"), POLLIN, 0};
-    must(poll(&end, 1, DEADLINE_MS) - 1, "a process that does not end");
-    close(end.fd);
     int status;
     must(waitpid(pid, &status, 0), "waitpid");
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -224,22 +182,20 @@ int wait_for_exit(pid_t pid)
 
 Lines strace(const Lines &options)
 {
-    Lines argv = {"strace", "-D", "-qq", "-E", "ASAN_OPTIONS=detect_leaks=0", "-o", "/mnt/strace"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    return argv;
+    return Lines{"strace", "-D", "-qq", "-E", "ASAN_OPTIONS=detect_leaks=0", "-o", "/mnt/strace"} + options;
 }
 
 Daemon::Daemon(Host &on, const std::string &config, const Lines &prefix, const char *options) : host(on)
 {
     host.write("/mnt/mwd.conf", base_config + config);
-    Lines argv = prefix;
-    argv.insert(argv.end(), {"/mnt/mwd", "-C", "/mnt/mwd.conf", options});
-    int ends[2];
-    must(pipe2(ends, O_CLOEXEC), "pipe");
-    fcntl(ends[0], F_SETPIPE_SZ, 1 << 20);
-    pid = host.spawn(argv, ends[1]);
+    int ends[2], size = 8 << 20;
+    const struct timeval deadline = {60, 0};
+    must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
+    setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
+    setsockopt(ends[1], SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof(size));
+    pid = host.spawn(prefix + Lines{"/mnt/mwd", "-C", "/mnt/mwd.conf", options}, ends[1]);
     close(ends[1]);
-    err = ends[0];
+    err = fdopen(ends[0], "r");
     wait_for("load_unicast_hosts(): Loading");
     sync();
     descriptors_at_start = descriptors();
@@ -260,32 +216,26 @@ Daemon::~Daemon()
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    close(err);
+    fclose(err);
 }
 
 bool Daemon::pump()
 {
-    struct pollfd ready = {err, POLLIN, 0};
-    must(poll(&ready, 1, DEADLINE_MS) - 1, "a daemon that is silent after " + (log.empty() ? "" : log.back()));
-    char buf[65536];
-    ssize_t n = read(err, buf, sizeof(buf));
-    rest.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
-    size_t begin = 0;
-    for (size_t newline; (newline = rest.find('\n', begin)) != rest.npos; begin = newline + 1) {
-        size_t ident = rest.find("]: ", begin), start = ident < newline ? ident + 3 : begin;
-        log.push_back(rest.substr(start, newline - start));
-        shorts_seen += log.back() == too_short;
-    }
-    rest.erase(0, begin);
-    return n > 0;
+    char line[8192];
+    if (!fgets(line, sizeof(line), err))
+        return false;
+    const char *ident = strstr(line, "]: ");
+    log.push_back(ident ? ident + 3 : line);
+    log.back().pop_back();
+    shorts_seen += log.back() == too_short;
+    return true;
 }
 
 void Daemon::send(const std::string &datagram)
 {
     struct sockaddr_in to = {AF_INET, htons(8000), {htonl(INADDR_LOOPBACK)}, {}};
     shorts += datagram.size() < sizeof(Hdr);
-    must(sendto(host.peer, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)),
-         "sendto");
+    must(sendto(host.peer, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)), "send");
 }
 
 /* Datagrams are handled in order, and one that is too short shows in the log and nowhere else. */
@@ -293,37 +243,17 @@ std::string Daemon::sync()
 {
     send("?");
     while (shorts_seen < shorts)
-        must(pump() - 1, "a daemon that ended after " + (log.empty() ? "" : log.back()));
+        must(pump() - 1, "a daemon that ended, or is silent, after " + log.back());
     first = next;
     next = static_cast<size_t>(std::find(log.rbegin(), log.rend(), too_short).base() - log.begin());
     std::string lines;
     for (size_t i = first; i < next - 1; i++)
         if (!log[i].starts_with("debug: ") && !log[i].starts_with("info: "))
             lines += log[i] + "\n";
-    for (const auto &[text, sign] :
-         {std::pair<std::string, const char *>{"/mnt/DB/", "@"}, {"No such file or directory", "ENOENT"}})
+    for (const auto &[text, sign] : Tree{{"/mnt/DB/", "@"}, {"No such file or directory", "ENOENT"}})
         for (size_t at; (at = lines.find(text)) != lines.npos;)
             lines.replace(at, text.size(), sign);
     return lines;
-}
-
-std::string Daemon::apply(const std::string &datagram)
-{
-    send(datagram);
-    return sync();
-}
-
-std::string Daemon::publish()
-{
-    kill(pid, SIGUSR1);
-    return sync();
-}
-
-std::string Daemon::reload()
-{
-    kill(pid, SIGHUP);
-    wait_for("load_unicast_hosts(): Loading"); /* a signal just before the loop waits is seen a turn later */
-    return sync();
 }
 
 void Daemon::check(const std::string &datagram, const Tree &after, const std::string &lines)
@@ -342,16 +272,20 @@ void Daemon::check(const Tree &base, const std::vector<Case> &cases)
     host.put({});
 }
 
-Lines Daemon::sent()
+Lines Daemon::sent(int so)
 {
-    return drain(host.peer);
+    Lines datagrams;
+    static char buf[65536];
+    for (ssize_t n; (n = recv(so < 0 ? host.peer : so, buf, sizeof(buf), MSG_DONTWAIT)) >= 0;)
+        datagrams.emplace_back(buf, n);
+    return datagrams;
 }
 
 void Daemon::wait_for(const std::string &text)
 {
     for (size_t i = next;; i++) {
         while (i == log.size())
-            must(pump() - 1, "a daemon that ended after " + (log.empty() ? "" : log.back()));
+            must(pump() - 1, "a daemon that ended, or is silent, after " + log.back());
         if (log[i].find(text) != std::string::npos)
             return;
     }
@@ -390,23 +324,7 @@ int Daemon::descriptors() const
 std::pair<int, std::string> run(Host &host, const std::string &config, const Lines &options)
 {
     host.write("/mnt/mwd.conf", config);
-    int err = open_file(host.path("/mnt/stderr"), O_RDWR | O_CREAT | O_TRUNC);
-    Lines argv = {"/mnt/mwd"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    int status = wait_for_exit(host.spawn(argv, err));
-    close(err);
+    const Lines shell = {"/bin/sh", "-c", "exec /mnt/mwd \"$@\" 2>/mnt/stderr", "sh"};
+    int status = wait_for_exit(host.spawn(shell + options, STDERR_FILENO));
     return {status, host.read("/mnt/stderr")};
-}
-
-/* The tests run as the first process of a process namespace: all that they start dies with it. */
-int main(int argc, char **argv)
-{
-    std::vector<const char *> self = {"unshare", geteuid() == 0 ? "-npf" : "-rnpf", "--kill-child", "--mount-proc"};
-    self.insert(self.end(), argv, argv + argc + 1);
-    if (getpid() != 1 && std::string(argv[argc - 1]) != "--gtest_list_tests")
-        must(execvp(self[0], const_cast<char **>(self.data())), self[0]);
-    for (int number : {SIGINT, SIGTERM})
-        signal(number, _exit); /* which a first process would not do by itself */
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
 }

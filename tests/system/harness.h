@@ -20,25 +20,17 @@ using Uids = std::vector<uint32_t>;
 /* Path below the root of the tree, or "/tmp/..." for a lock -> content, "-> target" of a link, "/" of a directory. */
 using Tree = std::map<std::string, std::string>;
 Tree operator+(Tree a, const Tree &b);
+Lines operator+(Lines a, const Lines &b);
 /*
  * The tree after edits, separated by blanks, of paths below `dir`: "path=a|b" is a file of the lines a and b, "path:a"
  * one that holds "a" without a newline, "path>target" a link, "path/" a directory; "-path" is gone with all that begins
- * so. "V/" at the start stands for VDisk/v1/, "M7/" for VDisk/v1/memberinfo/7/, "N7/" for Node/7/.
+ * so. "V/" at the start stands for VDisk/v1/, "M7/" and "M8/" for its memberinfo/7/ and memberinfo/8/.
  */
 Tree edit(Tree tree, const std::string &edits, const std::string &dir = "");
 /* What differs, a line each, with "|" for a newline: "+path: now", "-path: before", "~path: before => now". */
 std::string diff(const Tree &before, const Tree &after);
 
 /* Messages, with a value of its own in every field. A report is a VDiskEntry with its lists. */
-template <size_t N> void set(char (&field)[N], std::string_view text)
-{
-    for (size_t i = 0; i < N; i++)
-        field[i] = i < text.size() ? text[i] : '\0';
-}
-template <typename Record> std::string bytes(const Record &record)
-{
-    return {reinterpret_cast<const char *>(&record), sizeof(record)};
-}
 std::string message(uint8_t type, uint32_t uid, const std::string &body = "");
 std::string ds_ping(uint32_t uid, const char *dsuuid);
 std::string aux_ping(uint32_t uid);
@@ -55,31 +47,29 @@ Tree vdisk_record(const VDiskEntry &vde, const Lines &members = {"7"}, const std
 struct Host {
     explicit Host(int number_ = 1);
     ~Host();
-    std::string path(const std::string &inside) const;
+    std::string path(const std::string &inside) const
+    {
+        return "/proc/" + std::to_string(holder) + "/root" + inside;
+    }
     std::string read(const std::string &inside) const;
     void write(const std::string &inside, const std::string &content);
     void put(const Tree &tree); /* as all of the tree and the locks */
     Tree tree() const;          /* a "lastping" of this hour reads "now" */
     Lines locks() const;        /* names in /tmp */
     void remove(const std::string &inside);
-    void set_clock(int64_t seconds);
+    void set_clock(time_t seconds);
+    pid_t spawn(const Lines &argv, int stderr_fd);
     void shell(const std::string &command);
     /* A socket in this host's network: UDP bound to the address, or TCP connected to it. */
     int socket(int type, const char *address, int port);
-    pid_t spawn(const Lines &argv, int stderr_fd);
 
     int number;   /* the last part of its address on a wire */
     pid_t holder; /* keeps the namespaces */
     int peer;     /* 127.0.0.2, port 8000: whom its table unicast_hosts names at first */
 };
 
-/* A wire between two hosts: eth0 on both, 10.0.0.<number>. */
-void wire(Host &a, Host &b);
-/* All datagrams that wait at a socket, and what they are, such as "PING:207 ". */
-Lines drain(int so);
-std::string kinds(const Lines &datagrams);
-/* Waits for the end of a process. Returns its exit status, 128 + the signal if one killed it. */
-int wait_for_exit(pid_t pid);
+std::string kinds(const Lines &datagrams); /* such as "PING:207 " */
+int wait_for_exit(pid_t pid);              /* its exit status, 128 + the signal if one killed it */
 
 /* What may stand in front of the daemon's command line: strace writes /mnt/strace, time stands at Host::set_clock. */
 Lines strace(const Lines &options);
@@ -97,28 +87,40 @@ struct Daemon {
     explicit Daemon(Host &on, const std::string &config = "", const Lines &prefix = {}, const char *options = "-dd");
     ~Daemon(); /* stops it, if it still runs, and checks its status, descriptors and locks */
     void send(const std::string &datagram);
-    /* Waits until all that was sent is handled. Returns the lines above info since the last call, with "@" for
-     * "/mnt/DB/" and ENOENT for its text. */
+    /* Waits until all that was sent is handled. Returns the lines above info since the last call, @ for "/mnt/DB/". */
     std::string sync();
-    std::string apply(const std::string &datagram);
-    std::string publish(); /* SIGUSR1 and the pass that it forces */
-    std::string reload();  /* SIGHUP and what it reads */
+    std::string apply(const std::string &datagram)
+    {
+        send(datagram);
+        return sync();
+    }
+    std::string publish() /* SIGUSR1 and the pass that it forces */
+    {
+        kill(pid, SIGUSR1);
+        return sync();
+    }
+    std::string reload() /* SIGHUP and what it reads; a signal just before the loop waits is seen a turn later */
+    {
+        kill(pid, SIGHUP);
+        wait_for("load_unicast_hosts(): Loading");
+        return sync();
+    }
     void check(const std::string &datagram, const Tree &after, const std::string &lines = "");
     void check(const Tree &base, const std::vector<Case> &cases);
-    Lines sent();                                     /* the datagrams at the host's peer */
+    Lines sent(int so = -1);                          /* all that waits at the host's peer, or that socket */
     void wait_for(const std::string &text);           /* in a line since the last sync */
     std::string step(const std::string &begin) const; /* the lines of the last sync's step that begin so */
     int stop(int signal = SIGTERM);
     int descriptors() const; /* waits until the daemon sleeps */
-    bool pump();             /* takes what is written next; false at the daemon's end */
+    bool pump();             /* takes the next line; false at the daemon's end */
 
     Host &host;
-    Lines log; /* every line so far, without ident and process number */
+    Lines log = {"its start"}; /* and every line so far, without ident and process number */
     pid_t pid;
-    int err, shorts = 0, shorts_seen = 0; /* datagrams that are too short for a header */
+    FILE *err;
+    int shorts = 0, shorts_seen = 0; /* datagrams that are too short for a header */
     int descriptors_at_start;
     size_t first = 0, next = 0; /* bounds of the last step in `log` */
-    std::string rest;           /* of a line that is not yet whole */
 };
 
 /* Runs the daemon to its end with this configuration and nothing more. Returns its status and stderr. */

@@ -11,20 +11,25 @@ static std::string apart(const Host &a, const Host &b)
 }
 
 /* One host has node 7 with two VDisks and a Snapshot, the other node 8 with a share of one of them. */
-static void keep_in_step(const char *config)
+class Hosts : public testing::TestWithParam<std::string>
+{
+};
+
+TEST_P(Hosts, keep_in_step)
 {
     Host a(1), b(2);
-    wire(a, b);
+    a.shell("ip link add eth0 type veth peer eth0 netns " + std::to_string(b.holder));
+    for (Host *host : {&a, &b}) {
+        host->shell("ip addr add 10.0.0." + std::to_string(host->number) + "/24 dev eth0 && ip link set eth0 up");
+        host->write("/mnt/local_nodes", std::to_string(6 + host->number) + "\n");
+        host->write("/mnt/unicast_hosts", "10.0.0." + std::to_string(3 - host->number) + "\n");
+    }
     const Tree v2 = vdisk_record(plain("v2"), {"7"}, "ds1"), v1_of_8 = vdisk_record(plain("v1"), {"8"});
-    const Tree mine =
-        edit(node_record("7", "ds1") + datastore_record("ds1", "7") + vdisk_record(plain("v1"), {"7"}, "ds1") +
-                 vdisk_record(snapshot("s1", "v1"), {"7"}, "ds1"),
-             "V/snapshots/s1>../../../VDisk/s1");
-    a.put(mine + v2);
-    a.write("/mnt/local_nodes", "7\n");
-    a.write("/mnt/unicast_hosts", "10.0.0.2\n");
-    b.write("/mnt/local_nodes", "8\n");
-    b.write("/mnt/unicast_hosts", "10.0.0.1\n");
+    const Tree v1 = vdisk_record(plain("v1"), {"7"}, "ds1"), s1 = vdisk_record(snapshot("s1", "v1"), {"7"}, "ds1");
+    const Tree mine = edit(node_record("7", "ds1") + datastore_record("ds1", "7") + v1 + s1,
+                           "V/snapshots/s1>../../../VDisk/s1 Node/7/vendor=changed");
+    a.put(edit(mine + v2, "Node/7/vendor=vendor"));
+    const std::string config = "bind_interface = eth0\n" + GetParam();
     Daemon db(b, config);
     auto tell = [&](Daemon &from, Daemon &to) {
         EXPECT_EQ(from.publish(), "");
@@ -46,7 +51,7 @@ static void keep_in_step(const char *config)
         EXPECT_EQ(apart(a, b), "");
     }
     /* The node drops a VDisk while its daemon is down. */
-    a.put(edit(mine, "Node/7/vendor=changed"));
+    a.put(mine);
     Daemon da(a, config);
     db.sync();
     EXPECT_EQ(db.step("notice: handle_ping(): "), "Stale VDisk v2 of member 7\n");
@@ -57,12 +62,6 @@ static void keep_in_step(const char *config)
     EXPECT_EQ(apart(b, a), "");
 }
 
-TEST(Hosts, keep_in_step_over_multicast)
-{
-    keep_in_step("unicast_mode = 0\nbind_interface = eth0\nmulticast_address = \"224.1.1.1, 224.1.1.2\"\n");
-}
-
-TEST(Hosts, keep_in_step_over_unicast)
-{
-    keep_in_step("unicast_mode = 2\nbind_interface = eth0\n");
-}
+INSTANTIATE_TEST_SUITE_P(Over, Hosts,
+                         testing::Values("multicast_address = \"224.1.1.1, 224.1.1.2\"\nunicast_mode = 0\n",
+                                         "unicast_mode = 2\n"));

@@ -1,6 +1,8 @@
 /* Reports of VDisks: what each may change, what it heals, and how members and VDisks go. */
 #include "tests/system/harness.h"
 
+#include <cstring>
+
 static std::string single(uint32_t uid, const std::string &body)
 {
     return message(MSG_SINGLE_VDISK_PING, uid, body);
@@ -16,8 +18,8 @@ static VDiskEntry in_transaction(VDiskEntry vde)
 static VDiskEntry other(unsigned gen)
 {
     VDiskEntry vde = plain("v1", gen);
-    set(vde.name.name, "other");
-    set(vde.description.descr, "other");
+    strcpy(vde.name.name, "other");
+    strcpy(vde.description.descr, "other");
     vde.sector_size = vde.replicas = vde.st_size = vde.st_mems = 1;
     vde.sectors = 400, vde.seqno = 401, vde.numkeys = 402, vde.port = 403, vde.status = 44, vde.st_mem = 45;
     return vde;
@@ -128,7 +130,7 @@ TEST(Report, creates_a_vdisk_whole)
                                                                         {"\1\7", "A1", "171"},
                                                                         {"\1\7", "\xff\xff", "64997"}}) {
         VDiskEntry vde = plain("v1", 65535);
-        set(vde.name.old_mshipgencnt, digits);
+        memcpy(vde.name.old_mshipgencnt, digits.data(), 2);
         host.put(nodes);
         d.apply(single(7, report(vde)).replace(0, 2, version));
         EXPECT_EQ(host.read("/mnt/DB/VDisk/v1/highest_gen_count"), generation + "\n");
