@@ -135,7 +135,8 @@ TEST(Node, applies_each_message_by_its_length_and_type)
 TEST(Lock, holds_back_signals_and_is_taken_when_it_is_free)
 {
     Host host;
-    Daemon d(host, "node_lock_timeout_ms = 750\n", strace({"-etrace=clock_nanosleep", "-esignal=none"}));
+    Daemon d(host, "node_lock_timeout_ms=750\ndatastore_lock_timeout_ms=49\nvdisk_lock_timeout_ms=50\n",
+             strace({"-etrace=clock_nanosleep", "-esignal=none"}));
     auto send_and_signal = [&](int signal) {
         host.write("/tmp/NODE-7", "");
         d.send(aux_ping(7));
@@ -147,14 +148,21 @@ TEST(Lock, holds_back_signals_and_is_taken_when_it_is_free)
     host.remove("/tmp/NODE-7");
     d.sync();
     EXPECT_EQ(diff(node_record("7"), host.tree()), "");
+    host.put(Tree{{"/tmp/DS-ds1", ""}, {"/tmp/VDISK-v1", ""}});
+    const std::string gives_up = "notice: PathLock(): Timed out locking /tmp/";
+    EXPECT_EQ(d.apply(ds_ping(7, "ds1")), gives_up + "DS-ds1\n");
+    EXPECT_EQ(d.apply(message(MSG_SINGLE_VDISK_PING, 7, report(plain("v1")))),
+              "notice: PathLock(): Contention on /tmp/VDISK-v1, sleep 50ms\n" + gives_up + "VDISK-v1\n");
+    host.put({});
     send_and_signal(SIGUSR1);
     d.wait_for("sleep 400ms");
     d.descriptors();
     EXPECT_EQ(d.stop(), 0);
-    auto timed_out = std::find(d.log.begin(), d.log.end(), "notice: PathLock(): Timed out locking /tmp/NODE-7");
+    auto timed_out = std::find(d.log.begin(), d.log.end(), gives_up + "NODE-7");
     EXPECT_NE(std::find(timed_out, d.log.end(), "notice: controller_thread_loop(): Exit..."), d.log.end());
-    std::string trace = host.read("/mnt/strace"), ends;
-    for (size_t at = 0; (at = trace.find(" = ", at)) != trace.npos; at++)
-        ends += trace[at + 3];
-    EXPECT_EQ(ends, "00000?0") << "only SIGUSR1 ends a sleep: " << trace;
+    std::string trace = host.read("/mnt/strace"), slept;
+    for (size_t at = 0; (at = trace.find("nsec=", at)) != trace.npos; at++)
+        slept += std::to_string(atol(trace.c_str() + at + 5) / 1000000) +
+                 (trace[trace.find(" = ", at) + 3] == '?' ? "?" : " ");
+    EXPECT_EQ(slept, "50 100 200 50 50 100 200?400 ") << "only SIGUSR1 ends a sleep: " << trace;
 }
