@@ -34,8 +34,8 @@ int AttrStore(int dirfd, const char *key, const char *format, ...)
 }
 
 /*
- * Reads the one line of `key` into `text`, without its newline. Returns the length with the newline, so that
- * 0 is the empty file and nothing else; or -1.
+ * Reads the one line of `key` into `text`, without its newline. Returns the length with the newline, so that 0 is the
+ * empty file and nothing else; or -1.
  */
 static int line_load(const char *op, int dirfd, const char *key, char (&text)[VALUE_LEN])
 {
@@ -69,6 +69,37 @@ static int line_load(const char *op, int dirfd, const char *key, char (&text)[VA
     return static_cast<int>(length);
 }
 
+/* As strtoull, with a short way for plain digits, which nearly every number of the tree is. */
+static const char *scan_digits(const char *text, unsigned long long *number)
+{
+    constexpr ptrdiff_t digits_that_fit = 19;
+    const char *at = text;
+    *number = 0;
+    for (; *at >= '0' && *at <= '9'; at++)
+        *number = *number * 10 + static_cast<unsigned long long>(*at - '0');
+    if (at != text && at - text <= digits_that_fit)
+        return at;
+    char *end;
+    *number = strtoull(text, &end, 10);
+    return end;
+}
+
+/*
+ * The formats of the tree's numbers, "%u" and "%llu", as vsscanf reads them and at a fraction of its cost. Returns the
+ * number of conversions, or EOF for a text of blanks.
+ */
+static int scan_number(const char *text, const char *format, va_list args)
+{
+    unsigned long long number;
+    if (scan_digits(text, &number) == text)
+        return text[strspn(text, " \t\n\v\f\r")] == '\0' ? EOF : 0;
+    if (strcmp(format, "%u") == 0)
+        *va_arg(args, unsigned int *) = static_cast<unsigned int>(number);
+    else
+        *va_arg(args, unsigned long long *) = number;
+    return 1;
+}
+
 int AttrLoad(int dirfd, const char *key, const char *format, ...)
 {
     char text[VALUE_LEN];
@@ -81,7 +112,7 @@ int AttrLoad(int dirfd, const char *key, const char *format, ...)
     }
     va_list args;
     va_start(args, format);
-    int conversions = vsscanf(text, format, args);
+    int conversions = scan_number(text, format, args);
     va_end(args);
     return conversions;
 }

@@ -107,9 +107,8 @@ static int load_base(const Record &record, struct VDisk *vdisk)
 /* Both codings of the generation; the full one only from a node that is new enough to know it. */
 static void set_generation(const struct Hdr *hdr, struct VDiskEntry *vde, uint32_t mshipgencnt)
 {
-    char digits[3];
-    snprintf(digits, sizeof(digits), "%02u", mshipgencnt % 100);
-    memcpy(vde->name.old_mshipgencnt, digits, sizeof(vde->name.old_mshipgencnt));
+    vde->name.old_mshipgencnt[0] = static_cast<char>('0' + mshipgencnt / 10 % 10);
+    vde->name.old_mshipgencnt[1] = static_cast<char>('0' + mshipgencnt % 10);
     if (hdr->major > 1 || (hdr->major == 1 && hdr->minor >= 8))
         vde->name.mshipgencnt = htons(static_cast<uint16_t>(mshipgencnt));
 }

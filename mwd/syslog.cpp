@@ -4,6 +4,8 @@
 
 static int syslog_module_initialized;
 
+int log_mask = LOG_UPTO(LOG_DEBUG);
+
 void syslog_module_setup()
 {
     if (syslog_module_initialized)
@@ -13,8 +15,10 @@ void syslog_module_setup()
     if (opt_debug >= 1)
         option |= LOG_PERROR;
     openlog(cfg_syslog_ident, option, cfg_syslog_facility);
-    if (opt_debug < 2)
-        setlogmask(LOG_UPTO(cfg_syslog_priority & LOG_PRIMASK));
+    if (opt_debug < 2) {
+        log_mask = LOG_UPTO(cfg_syslog_priority & LOG_PRIMASK);
+        setlogmask(log_mask);
+    }
     syslog_module_initialized = 1;
 }
 
@@ -26,5 +30,5 @@ void syslog_module_teardown()
 
 bool log_debug_enabled()
 {
-    return setlogmask(0) & LOG_MASK(LOG_DEBUG);
+    return log_mask & LOG_MASK(LOG_DEBUG);
 }

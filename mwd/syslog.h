@@ -1,7 +1,7 @@
 /*
- * The log. Every line goes to syslog(3) in one shape: level word, function, text. The macros leave the
- * formatting to syslog(3) itself, which looks at the mask first, so a masked line costs a call and nothing
- * more.
+ * The log. Every line goes to syslog(3) in one shape: level word, function, text. The macros leave the formatting to
+ * syslog(3), so that the compiler checks it, and look at the mask themselves: a masked line costs no call, and its
+ * arguments are not worked out.
  */
 #ifndef MWD_SYSLOG_H
 #define MWD_SYSLOG_H
@@ -16,18 +16,25 @@
 #define log_debug(format, ...) log_debug_as(__func__, format __VA_OPT__(, ) __VA_ARGS__)
 
 /* Lines of a step that several operations share, under the name of the operation `op` that it serves. */
-#define log_error_as(op, format, ...) syslog(LOG_ERR, "error: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_warn_as(op, format, ...) syslog(LOG_WARNING, "warn: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_notice_as(op, format, ...)                                                                                 \
-    syslog(LOG_NOTICE, "notice: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_info_as(op, format, ...) syslog(LOG_INFO, "info: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
-#define log_debug_as(op, format, ...) syslog(LOG_DEBUG, "debug: %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "")
+#define log_error_as(op, format, ...) log_line(LOG_ERR, "error", op, format __VA_OPT__(, ) __VA_ARGS__)
+#define log_warn_as(op, format, ...) log_line(LOG_WARNING, "warn", op, format __VA_OPT__(, ) __VA_ARGS__)
+#define log_notice_as(op, format, ...) log_line(LOG_NOTICE, "notice", op, format __VA_OPT__(, ) __VA_ARGS__)
+#define log_info_as(op, format, ...) log_line(LOG_INFO, "info", op, format __VA_OPT__(, ) __VA_ARGS__)
+#define log_debug_as(op, format, ...) log_line(LOG_DEBUG, "debug", op, format __VA_OPT__(, ) __VA_ARGS__)
+
+#define log_line(priority, word, op, format, ...)                                                                      \
+    do {                                                                                                               \
+        if (log_mask & LOG_MASK(priority))                                                                             \
+            syslog(priority, word ": %s(): " format "%s", op __VA_OPT__(, ) __VA_ARGS__, "");                          \
+    } while (0)
+
+/* The levels that pass, as setlogmask(3) was told; set by syslog_module_setup alone. */
+extern int log_mask;
 
 /*
- * Opens the log with cfg_syslog_ident and cfg_syslog_facility and masks the levels behind
- * cfg_syslog_priority; with
- * `-d` lines are copied to stderr, with `-dd` nothing is masked. May run any number of times, the newest
- * values hold. cfg_syslog_ident stays the config module's and must live for as long as lines are written.
+ * Opens the log with cfg_syslog_ident and cfg_syslog_facility and masks the levels behind cfg_syslog_priority; with
+ * `-d` lines are copied to stderr, with `-dd` nothing is masked. May run any number of times, the newest values hold.
+ * cfg_syslog_ident stays the config module's and must live for as long as lines are written.
  */
 void syslog_module_setup();
 
