@@ -1,7 +1,7 @@
 /*
- * The configuration: one global per key of the configuration file, set once at start and read directly by
- * every module. Strings belong to this module; nobody else writes or frees them. Failures of this module are
- * told on stderr, since the process is not yet in the background, and end the process with status 1.
+ * The configuration: one global per key of the configuration file, set once at start and read directly by every module.
+ * Strings belong to this module; nobody else writes or frees them. Failures of this module are told on stderr, since
+ * the process is not yet in the background, and end the process with status 1.
  */
 #ifndef MWD_CONFIG_H
 #define MWD_CONFIG_H

@@ -176,9 +176,8 @@ static void watch_connections(struct Loop *loop)
 }
 
 /*
- * Control connections may take every descriptor that select can hold. So that the tree, the log and the fence
- * check have theirs all the same, the limit on open files is raised above that, and where it cannot be,
- * connections get less.
+ * Control connections may take every descriptor that select can hold. So that the tree, the log and the fence check
+ * have theirs all the same, the limit on open files is raised above that, and where it cannot be, connections get less.
  */
 static void reserve_descriptors()
 {

@@ -46,8 +46,8 @@ void dump_local_nodes();
 void dump_unicast_hosts();
 
 /*
- * Building messages. Each clears all `buflen` bytes of `buf`, needs the node to be loaded and returns 0 with
- * the length in *msglen, or -1 if the message does not fit.
+ * Building messages. Each clears all `buflen` bytes of `buf`, needs the node to be loaded and returns 0 with the length
+ * in *msglen, or -1 if the message does not fit.
  */
 int build_ds_ping(struct Node *node, char *buf, size_t buflen, size_t *msglen);
 int build_aux_ping(struct Node *node, char *buf, size_t buflen, size_t *msglen);
@@ -57,8 +57,8 @@ int build_single_vdisk_ping(struct Node *node, struct VDisk *vdisk, char *buf, s
 int build_vdisk_deleted(struct Node *node, const char *vdiskuuid, char *buf, size_t buflen, size_t *msglen);
 
 /*
- * Sends a message to every destination and counts those that took it, under `idx`. Returns 0 if all did, or
- * -1; a failure at one does not keep it from the others.
+ * Sends a message to every destination and counts those that took it, under `idx`. Returns 0 if all did, or -1; a
+ * failure at one does not keep it from the others.
  */
 int xmit_msg(const char *buf, size_t msglen, int so, int idx);
 
@@ -68,8 +68,8 @@ void send_heartbeats(char *buf, size_t buflen, int so);
 
 /*
  * Steps that publications share, logged as `op`. node_clear leaves only what the table says of the node.
- * load_node_datastore and load_node_vdisk take the lock and return 0 or -1; a node without a datastore loads.
- * The transmit functions build one message and send it; -1 if it does not fit.
+ * load_node_datastore and load_node_vdisk take the lock and return 0 or -1; a node without a datastore loads. The
+ * transmit functions build one message and send it; -1 if it does not fit.
  */
 void node_clear(struct Node *node);
 int load_node_datastore(struct Node *node);
@@ -78,8 +78,8 @@ int transmit_ds_ping(const char *op, struct Node *node, char *buf, size_t buflen
 int transmit_aux_ping(const char *op, struct Node *node, char *buf, size_t buflen, int so);
 
 /*
- * Handlers of received messages: `hdr` is the start of a datagram of `r` bytes, at least a whole Hdr, and
- * `ipaddr` its source. Nothing is answered, and a failure ends the handling of this one datagram.
+ * Handlers of received messages: `hdr` is the start of a datagram of `r` bytes, at least a whole Hdr, and `ipaddr` its
+ * source. Nothing is answered, and a failure ends the handling of this one datagram.
  */
 void dispatch_datagram(const struct Hdr *hdr, size_t r, const char *ipaddr);
 void handle_ping(const struct Hdr *hdr, size_t r, const char *ipaddr);

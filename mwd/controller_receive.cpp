@@ -59,8 +59,8 @@ static void join_datastore(const struct Hdr *hdr, const struct DatastoreEntry *d
 }
 
 /*
- * The node belongs to no datastore: takes it out of the one that its record still names. The node's half goes
- * last, so that a leave that was cut short finds the datastore again with the next message.
+ * The node belongs to no datastore: takes it out of the one that its record still names. The node's half goes last, so
+ * that a leave that was cut short finds the datastore again with the next message.
  */
 static void leave_datastore(const struct Hdr *hdr)
 {

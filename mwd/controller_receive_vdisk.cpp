@@ -1,7 +1,6 @@
 /*
- * Received messages that speak of VDisks. A PING is its sender's complete statement of the VDisks that it
- * serves: every entry is applied as a report, and if all went well, the sender leaves the VDisks that it no
- * longer names.
+ * Received messages that speak of VDisks. A PING is its sender's complete statement of the VDisks that it serves: every
+ * entry is applied as a report, and if all went well, the sender leaves the VDisks that it no longer names.
  */
 #include "mwd/controller_internal.h"
 
@@ -125,8 +124,8 @@ static int apply_report(const struct Hdr *hdr, struct VDisk *vdisk)
 }
 
 /*
- * Applies every report of the datagram and leaves those that went through in `vdt`. A malformed one gives up
- * the rest of the datagram, any other failure that report alone. Returns how many failed.
+ * Applies every report of the datagram and leaves those that went through in `vdt`. A malformed one gives up the rest
+ * of the datagram, any other failure that report alone. Returns how many failed.
  */
 static int apply_reports(const char *op, const struct Hdr *hdr, size_t r, struct VDiskTree *vdt)
 {

@@ -1,8 +1,7 @@
 /*
- * Descriptors, transfers and TCP: one system call each, with one policy each. Every function logs its own
- * failure with its own name; callers only look at the result. `nointr` above 0 repeats a call that a signal
- * interrupted, without a line; 0 or less makes EINTR a failure like any other. EAGAIN is an ordinary failure
- * everywhere.
+ * Descriptors, transfers and TCP: one system call each, with one policy each. Every function logs its own failure with
+ * its own name; callers only look at the result. `nointr` above 0 repeats a call that a signal interrupted, without a
+ * line; 0 or less makes EINTR a failure like any other. EAGAIN is an ordinary failure everywhere.
  */
 #ifndef MWD_IO_H
 #define MWD_IO_H
@@ -16,14 +15,14 @@
 ssize_t buf_tx(int fd, const char *buf, size_t len, int nointr);
 
 /*
- * Reads exactly `len` bytes into `buf`. Returns `len`; 0 after an error line when the file ends first,
- * whatever was read before it; or -1.
+ * Reads exactly `len` bytes into `buf`. Returns `len`; 0 after an error line when the file ends first, whatever was
+ * read before it; or -1.
  */
 ssize_t buf_rx(int fd, char *buf, size_t len, int nointr);
 
 /*
- * Writes all of the vector; `iovcnt` is above 0. A partial write is logged and continued, and changes the
- * caller's array. Returns the total length or -1.
+ * Writes all of the vector; `iovcnt` is above 0. A partial write is logged and continued, and changes the caller's
+ * array. Returns the total length or -1.
  */
 ssize_t iov_tx(int fd, struct iovec *iov, int iovcnt, int nointr);
 
@@ -59,15 +58,15 @@ struct FdGuard {
 };
 
 /*
- * A listening IPv4 socket on `addr`, dotted text, and `port`; a `backlog` of 0 or less means 128. Returns the
- * socket, which the caller closes, or -1.
+ * A listening IPv4 socket on `addr`, dotted text, and `port`; a `backlog` of 0 or less means 128. Returns the socket,
+ * which the caller closes, or -1.
  */
 int tcp_listen(const char *addr, int port, int backlog);
 
 /*
- * Accepts one connection and switches TCP_NODELAY on. Puts the peer's address as text into `inet_addr`, 16
- * bytes, and its port, in host order, into *inet_port. Returns the new socket, blocking and the caller's to
- * close, or -1. EINTR is repeated with a warning.
+ * Accepts one connection and switches TCP_NODELAY on. Puts the peer's address as text into `inet_addr`, 16 bytes, and
+ * its port, in host order, into *inet_port. Returns the new socket, blocking and the caller's to close, or -1. EINTR is
+ * repeated with a warning.
  */
 int tcp_accept(int so, char *inet_addr, int *inet_port);
 

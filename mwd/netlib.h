@@ -1,8 +1,8 @@
 /*
- * The wire: packed records, message types and their names, debug dumps; and the UDP socket. One message is
- * one datagram: a Hdr and what its type prescribes. Integers travel little-endian as the host holds them,
- * apart from VDiskEntry.name.mshipgencnt, which is big-endian. Text fields are not terminated when the text
- * fills them and are read with their width as the limit. Bytes that no field fills travel as 0.
+ * The wire: packed records, message types and their names, debug dumps; and the UDP socket. One message is one
+ * datagram: a Hdr and what its type prescribes. Integers travel little-endian as the host holds them, apart from
+ * VDiskEntry.name.mshipgencnt, which is big-endian. Text fields are not terminated when the text fills them and are
+ * read with their width as the limit. Bytes that no field fills travel as 0.
  */
 #ifndef MWD_NETLIB_H
 #define MWD_NETLIB_H
@@ -214,8 +214,8 @@ void mbe_dump(const struct MemberEntry *mbe);
 void fee_dump(const struct FrontendEntry *fee);
 
 /*
- * A UDP socket bound to `bind_addr`, of family AF_INET: blocking, with the platform's buffer sizes, which it
- * logs. Returns the socket, the caller's to close, or -1 after an error line.
+ * A UDP socket bound to `bind_addr`, of family AF_INET: blocking, with the platform's buffer sizes, which it logs.
+ * Returns the socket, the caller's to close, or -1 after an error line.
  */
 int open_socket(const struct sockaddr_in *bind_addr);
 

@@ -1,11 +1,10 @@
 /*
- * The object store, as the controller uses it: the in-memory objects, the path locks, and the operations that
- * carry records between messages and the database tree. The tree is the truth; an object is a working image
- * of a record.
+ * The object store, as the controller uses it: the in-memory objects, the path locks, and the operations that carry
+ * records between messages and the database tree. The tree is the truth; an object is a working image of a record.
  *
- * Every operation on a record runs under that record's path lock, which the caller holds unless its comment
- * says otherwise. Operations return 0 on success and a negative number on failure, log their own failures,
- * and undo nothing: what a failed one wrote stays, and running it again does no harm.
+ * Every operation on a record runs under that record's path lock, which the caller holds unless its comment says
+ * otherwise. Operations return 0 on success and a negative number on failure, log their own failures, and undo nothing:
+ * what a failed one wrote stays, and running it again does no harm.
  */
 #ifndef MWD_OBJECT_H
 #define MWD_OBJECT_H
@@ -74,8 +73,8 @@ struct Node {
 TAILQ_HEAD(NodeList, Node);
 
 /*
- * Each puts a fresh zeroed object with empty lists into *pp, the caller's to free. Returns 0; or -1 after an
- * error line, with *pp as it was.
+ * Each puts a fresh zeroed object with empty lists into *pp, the caller's to free. Returns 0; or -1 after an error
+ * line, with *pp as it was.
  */
 int HostAlloc(struct Host **hpp);
 int MemberAlloc(struct Member **mbpp);
@@ -109,8 +108,8 @@ void VDiskTreeFree(struct VDiskTree *vdtp);
 void MemberInit(struct Member *member, const struct MemberEntry *mbe);
 
 /*
- * Takes over the whole record `vde`, unless that is null, and derives vdiskuuid and, on a Snapshot,
- * parentuuid from the record in the VDisk. The names may come out unusable: see name_usable.
+ * Takes over the whole record `vde`, unless that is null, and derives vdiskuuid and, on a Snapshot, parentuuid from the
+ * record in the VDisk. The names may come out unusable: see name_usable.
  */
 void VDiskInit(struct VDisk *vdisk, const struct VDiskEntry *vde);
 
@@ -121,8 +120,8 @@ struct Member *MemberLookup(struct MemberList *mblp, unsigned int nodeid);
 void uuid_text(char (&text)[NAME_LEN], const char (&field)[UUID_WIDTH]);
 
 /*
- * Whether a name from a message or a file may become a path component: not empty, not "." or "..", and
- * without "/". Nothing but this test stands between a datagram and the rest of the file system.
+ * Whether a name from a message or a file may become a path component: not empty, not "." or "..", and without "/".
+ * Nothing but this test stands between a datagram and the rest of the file system.
  */
 bool name_usable(const char *name);
 
@@ -144,10 +143,9 @@ struct VDisk *VDiskTree_RB_PREV(struct VDisk *elm);
 struct VDisk *VDiskTree_RB_MINMAX(struct VDiskTree *head, int val);
 
 /*
- * Path locks: files under /tmp that keep this host's programs off one record at a time. Each lock waits while
- * another program holds the record, for less than twice the record's configured time-out. Returns 0 with the
- * lock held; any negative number means that it is not held and must not be unlocked. Locks are not
- * re-entrant.
+ * Path locks: files under /tmp that keep this host's programs off one record at a time. Each lock waits while another
+ * program holds the record, for less than twice the record's configured time-out. Returns 0 with the lock held; any
+ * negative number means that it is not held and must not be unlocked. Locks are not re-entrant.
  */
 int NodeLock(unsigned int nodeid);
 void NodeUnlock(unsigned int nodeid);
@@ -162,8 +160,8 @@ int ParentLock(const struct VDisk *vdisk);
 void ParentUnlock(const struct VDisk *vdisk);
 
 /*
- * Creates or refreshes the record of node hdr->uid from the header, `ipaddr` (the datagram's source, dotted
- * text) and the clock. For every message but HEARTBEAT.
+ * Creates or refreshes the record of node hdr->uid from the header, `ipaddr` (the datagram's source, dotted text) and
+ * the clock. For every message but HEARTBEAT.
  */
 int NodeCreate(const struct Hdr *hdr, const char *ipaddr);
 
@@ -171,9 +169,9 @@ int NodeCreate(const struct Hdr *hdr, const char *ipaddr);
 int NodeLoad(struct Node *np);
 
 /*
- * Reads the name of the node's datastore into `dsuuid`, `ds_len` bytes. Returns 0 with a terminated text,
- * which may be empty. Returns -1 silently with `dsuuid` as it was if the node names none, and after an error
- * line with `dsuuid` empty or as it was if the name cannot be read or used.
+ * Reads the name of the node's datastore into `dsuuid`, `ds_len` bytes. Returns 0 with a terminated text, which may be
+ * empty. Returns -1 silently with `dsuuid` as it was if the node names none, and after an error line with `dsuuid`
+ * empty or as it was if the name cannot be read or used.
  */
 int NodeLoad_DSMember(const char *nodeuuid, char *dsuuid, size_t ds_len);
 
@@ -188,8 +186,8 @@ int NodeUpdate_RefDatastore(const struct Hdr *hdr, const struct DatastoreEntry *
 int NodeUpdate_UnrefDatastore(const struct Hdr *hdr);
 
 /*
- * Fills `vdtp`, empty before, with a VDisk for each VDisk linked to the node, with vdiskuuid alone set. On
- * failure the tree is empty: a listing is whole or not there. Under the node's lock.
+ * Fills `vdtp`, empty before, with a VDisk for each VDisk linked to the node, with vdiskuuid alone set. On failure the
+ * tree is empty: a listing is whole or not there. Under the node's lock.
  */
 int NodeLoad_VDisks(unsigned int nodeid, struct VDiskTree *vdtp);
 
@@ -203,21 +201,21 @@ int DatastoreLoad(const char *dsuuid, struct DatastoreEntry *dse);
 int DatastoreUpdate_UnrefNode(const char *dsuuid, const char *nodeuuid);
 
 /*
- * Applies the report `vdisk` of node hdr->uid: creates the VDisk, updates it, or rightly ignores the report.
- * May take node and datastore locks one at a time, and run the fence check. `vdisk` stays the caller's; its
- * mshipgencnt is rewritten for senders below version 1.8.
+ * Applies the report `vdisk` of node hdr->uid: creates the VDisk, updates it, or rightly ignores the report. May take
+ * node and datastore locks one at a time, and run the fence check. `vdisk` stays the caller's; its mshipgencnt is
+ * rewritten for senders below version 1.8.
  */
 int VDiskCreate(const struct Hdr *hdr, struct VDisk *vdisk);
 
 /*
- * Fills `vdisk`, fresh but for its vdiskuuid, from the tree: with a loaded `node`, all that this node
- * publishes; with null, the VDisk's own attributes alone. After a failure it is good only for freeing.
+ * Fills `vdisk`, fresh but for its vdiskuuid, from the tree: with a loaded `node`, all that this node publishes; with
+ * null, the VDisk's own attributes alone. After a failure it is good only for freeing.
  */
 int VDiskLoad(const struct Node *node, struct VDisk *vdisk);
 
 /*
- * Takes node hdr->uid out of the VDisk, loaded with a null node, and removes the VDisk with its last member.
- * May take the locks of the node, of the parent and of the datastore, one at a time.
+ * Takes node hdr->uid out of the VDisk, loaded with a null node, and removes the VDisk with its last member. May take
+ * the locks of the node, of the parent and of the datastore, one at a time.
  */
 int VDiskGone(const struct Hdr *hdr, struct VDisk *vdisk);
 

@@ -1,6 +1,6 @@
 /*
- * What the sources of the object store share: attribute files, records with their directories and links, and
- * the operations that only other operations call.
+ * What the sources of the object store share: attribute files, records with their directories and links, and the
+ * operations that only other operations call.
  */
 #ifndef MWD_OBJECT_INTERNAL_H
 #define MWD_OBJECT_INTERNAL_H
@@ -58,21 +58,20 @@ struct DirGuard {
 [[gnu::format(scanf, 3, 4)]] int AttrLoad(int dirfd, const char *key, const char *format, ...);
 
 /*
- * Reads the value as text of at most `dst_len` bytes, below 256, and zeroes the rest of `dst`; a text that
- * fills it has no terminator. Returns the text's length; 0 with `dst` as it was for an empty file; or -1 with
- * `dst` as it was.
+ * Reads the value as text of at most `dst_len` bytes, below 256, and zeroes the rest of `dst`; a text that fills it has
+ * no terminator. Returns the text's length; 0 with `dst` as it was for an empty file; or -1 with `dst` as it was.
  */
 int StringLoad(int dirfd, const char *key, char *dst, size_t dst_len);
 
 /*
- * Reads the whole open file into a new terminated buffer *r_buf, the caller's to free. Returns its size; or 0
- * for an empty file and a negative number on failure, with *r_buf as it was.
+ * Reads the whole open file into a new terminated buffer *r_buf, the caller's to free. Returns its size; or 0 for an
+ * empty file and a negative number on failure, with *r_buf as it was.
  */
 ssize_t FileLoad(int fd, char **r_buf);
 
 /*
- * A record, or a directory of links in one: the operation that works on it, under whose name all is logged;
- * its path, in up to three pieces that are only joined in a line; and its open directory.
+ * A record, or a directory of links in one: the operation that works on it, under whose name all is logged; its path,
+ * in up to three pieces that are only joined in a line; and its open directory.
  */
 struct Record {
     const char *op;
@@ -136,8 +135,7 @@ int NodeLockStr(const char *nodeuuid);
 void NodeUnlockStr(const char *nodeuuid);
 
 /*
- * Member records: VDisk/<uuid>/memberinfo/<uid>. All under the VDisk's lock. `vdiskpath` serves the log
- * alone.
+ * Member records: VDisk/<uuid>/memberinfo/<uid>. All under the VDisk's lock. `vdiskpath` serves the log alone.
  */
 
 /* Writes the whole record of the sender `nodeuuid`, open as `mbfd`, and the links it is owed. */

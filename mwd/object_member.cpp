@@ -67,8 +67,8 @@ static int link_nodestatus(const Record &record, const char *nodeuuid)
 }
 
 /*
- * Links the VDisk in the node, under the node's lock, and reads there which datastore it belongs to if the
- * VDisk has none yet. Returns 0 with `dsuuid` empty if there is nothing more to link, or -1.
+ * Links the VDisk in the node, under the node's lock, and reads there which datastore it belongs to if the VDisk has
+ * none yet. Returns 0 with `dsuuid` empty if there is nothing more to link, or -1.
  */
 static int link_in_node(const char *nodeuuid, const char *vdiskuuid, bool load_ds, char (&dsuuid)[NAME_LEN])
 {

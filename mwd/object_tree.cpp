@@ -1,6 +1,6 @@
 /*
- * VDiskTree: an intrusive red-black tree. The root is black, a red element has no red child, and every way
- * from an element down to a null passes the same number of black elements; null counts as black.
+ * VDiskTree: an intrusive red-black tree. The root is black, a red element has no red child, and every way from an
+ * element down to a null passes the same number of black elements; null counts as black.
  */
 #include "mwd/object.h"
 

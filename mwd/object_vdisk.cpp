@@ -152,8 +152,8 @@ static int renew_seqno(const Record &memberinfo, const struct VDisk *vdisk, cons
 }
 
 /*
- * The sender's own share of an update. Returns 1 if its record is written and the VDisk's attributes are to
- * follow, with the highest generation so far in *highest; 0 if the report is one to ignore; or -1.
+ * The sender's own share of an update. Returns 1 if its record is written and the VDisk's attributes are to follow,
+ * with the highest generation so far in *highest; 0 if the report is one to ignore; or -1.
  */
 static int update_member_record(const Record &record, const Record &memberinfo, struct VDisk *vdisk,
                                 const char *nodeuuid, unsigned int *highest)
