@@ -1,6 +1,6 @@
 #include "tests/unit/fixture.h"
 
-#include <set>
+#include <map>
 
 /* The black height of a subtree, after a check of its links and colours. */
 static int black_height(const struct VDisk *elm, const struct VDisk *parent)
@@ -14,32 +14,27 @@ static int black_height(const struct VDisk *elm, const struct VDisk *parent)
     return height + 1 - color;
 }
 
-TEST_F(Unit, TreeHoldsWhatASetHoldsAfterEveryStep)
+TEST(Tree, HoldsWhatAMapHoldsAfterEveryStep)
 {
     std::mt19937 random(20);
-    std::set<std::string> set;
+    std::map<std::string, struct VDisk> map;
     struct VDiskTree tree = {};
     for (int step = 0; step < 8000 && !HasFailure(); step++) {
         /* A name on either side of a char's sign goes in, and out when it comes again. */
         const std::string key = {"Aa\xc4"[random() % 3], static_cast<char>('0' + random() % 12)};
-        struct VDisk *elm = nullptr;
-        VDiskAlloc(&elm);
-        key.copy(elm->vdiskuuid, NAME_LEN);
-        struct VDisk *found = VDiskTree_RB_FIND(&tree, elm), *above = VDiskTree_RB_NFIND(&tree, elm);
-        EXPECT_EQ(set.lower_bound(key) == set.end() ? "-" : *set.lower_bound(key), above ? above->vdiskuuid : "-");
-        EXPECT_TRUE(found == (set.contains(key) ? above : nullptr) && found == VDiskTree_RB_INSERT(&tree, elm));
-        if (!set.insert(key).second) {
-            set.erase(key);
-            VDiskFree(VDiskTree_RB_REMOVE(&tree, found));
-            VDiskFree(elm);
+        struct VDisk probe = {};
+        key.copy(probe.vdiskuuid, NAME_LEN);
+        const auto bound = map.lower_bound(key);
+        auto *above = bound == map.end() ? nullptr : &bound->second, *found = map.contains(key) ? above : nullptr;
+        EXPECT_TRUE(found == VDiskTree_RB_FIND(&tree, &probe) && above == VDiskTree_RB_NFIND(&tree, &probe));
+        EXPECT_EQ(found, VDiskTree_RB_INSERT(&tree, found ? &probe : &(map[key] = probe)));
+        EXPECT_TRUE(!found || (VDiskTree_RB_REMOVE(&tree, found) == found && map.erase(key)));
+        struct VDisk *at = VDiskTree_RB_MINMAX(&tree, -1), *before = nullptr;
+        for (auto &[name, elm] : map) {
+            ASSERT_TRUE(at == &elm && VDiskTree_RB_PREV(at) == before);
+            before = std::exchange(at, VDiskTree_RB_NEXT(at));
         }
-        std::vector<std::string> up, down;
-        for (elm = VDiskTree_RB_MINMAX(&tree, -1); elm; elm = VDiskTree_RB_NEXT(elm))
-            up.push_back(elm->vdiskuuid);
-        for (elm = VDiskTree_RB_MINMAX(&tree, 0); elm; elm = VDiskTree_RB_PREV(elm))
-            down.insert(down.begin(), elm->vdiskuuid);
-        EXPECT_TRUE(up == down && up == std::vector(set.begin(), set.end()));
+        EXPECT_TRUE(!at && before == VDiskTree_RB_MINMAX(&tree, 0));
         black_height(tree.rbh_root, nullptr);
     }
-    VDiskTreeFlush(&tree);
 }
