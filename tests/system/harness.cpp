@@ -165,11 +165,10 @@ int Host::socket(int type, const char *address, int port)
 
 std::string kinds(const Lines &datagrams)
 {
-    std::map<char, std::string> names = {{4, "PING:"},    {16, "DS:"},   {32, "BEAT:"},
-                                         {33, "SINGLE:"}, {34, "GONE:"}, {35, "AUX:"}};
+    std::map<char, std::string> names = {{4, "PING"}, {16, "DS"}, {32, "BEAT"}, {33, "SINGLE"}, {34, "GONE"}};
     std::string text;
     for (const std::string &datagram : datagrams)
-        text += names[datagram[2]] + std::to_string(datagram.size()) + " ";
+        text += names.try_emplace(datagram[2], "AUX").first->second + ":" + std::to_string(datagram.size()) + " ";
     return text;
 }
 

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -72,12 +71,10 @@ TEST(Frame, tells_why_it_does_not_start)
              {"work_directory=/none/DB", "mkdir(/none/DB): No such file or directory"},
              {"work_directory=/mnt/mwd", "chdir(/mnt/mwd): Not a directory"},
              {"pid_file=/none/pid", "fd_open(): open(/none/pid): No such file or directory"},
-             {"pid_file=/dev/null", "main(): fsync(/dev/null): Invalid argument"},
              {"ctrl_address=here", "tcp_listen(): inet_aton(here): failed"},
              {"pid_file=/mnt/second", "tcp_listen(): bind(127.0.0.1:31337): Address already in use"},
              {groups + "\" ,, \"", "controller_thread_loop(): Multicast groups missing"},
              {groups + "224.1.1.1,1234567890123456", "parse_mcast_groups(): " + malformed + "address: 1234567890123456"},
-             {groups + "224.1.1.x", "parse_mcast_groups(): " + malformed + "address: 224.1.1.x"},
              {groups + "10.1.1.1", "add_mcast_membership(): setsockopt(IP_ADD_MEMBERSHIP): Invalid argument"}}) {
         // clang-format on
         auto [status, err] = run(host, base_config + line + "\n");
@@ -98,9 +95,7 @@ TEST(Frame, goes_to_the_background_and_logs_to_syslog)
     int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)), 0);
     const std::string config = "pid_file=pid\nsyslog_ident=name\nsyslog_facility=local0\n";
-    umask(0);
     EXPECT_EQ(run(host, base_config + config, {"-C/mnt/mwd.conf"}), std::make_pair(0, std::string()));
-    umask(022);
     std::string lines;
     for (char buf[4096]; lines.find("Loading /mnt/unicast_hosts") == lines.npos;)
         lines += "\n" + std::string(buf, static_cast<size_t>(recv(log, buf, sizeof(buf), 0)));
@@ -108,8 +103,7 @@ TEST(Frame, goes_to_the_background_and_logs_to_syslog)
     const int pid = std::stoi(host.read("/mnt/DB/pid")); /* the path is relative to the work directory */
     const std::string text = std::to_string(pid), proc = "/proc/" + text;
     EXPECT_NE(lines.find(" name[" + text + "]: syslog_ident=name syslog_facility=local0 "), lines.npos) << lines;
-    EXPECT_EQ(lines.find("\n<134>"), 0u) << "local0.info: " << lines;
-    EXPECT_EQ(lines.find("debug"), lines.npos) << "masked";
+    EXPECT_TRUE(lines.starts_with("\n<134>") && lines.find("debug") == lines.npos) << "local0.info: " << lines;
     EXPECT_EQ(fs::read_symlink(proc + "/cwd"), "/mnt/DB");
     for (const char *fd : {"/fd/0", "/fd/1", "/fd/2"})
         EXPECT_EQ(fs::read_symlink(proc + fd), "/dev/null");
@@ -126,6 +120,7 @@ TEST(Frame, runs_timers_by_the_clock_and_counts_by_kind)
     Host host;
     host.put(node_record("7"));
     host.write("/mnt/local_nodes", "7\n");
+    host.write("/mnt/unicast_hosts", "10.9.9.9\n127.0.0.2\n"); /* no way to the first, which then does not count */
     host.set_clock(1000);
     Daemon d(host, "ping_interval=90\nheartbeat_interval=30\nstats_interval=60\n", stopped_clock);
     const std::string types = "\4\20\43\41\42\40\44", pings = "DS:207 AUX:236 PING:207 ", beat = "BEAT:207 ";
@@ -186,13 +181,12 @@ TEST(Frame, ends_with_status_0)
     Daemon d(host, "",
              strace({"-etrace=recvfrom,pselect6", "-einject=recvfrom:error=EIO:when=2",
                      "-einject=pselect6:error=ENOMEM:when=1"}));
+    EXPECT_EQ(d.step("error: controller_thread_loop(): select(): "), "Cannot allocate memory\n");
     int so = host.socket(SOCK_STREAM, "127.0.0.1", 31337);
     d.wait_for("Accepted CTRL connection");
     d.send("?");
     EXPECT_EQ(d.stop(0), 0);
     const Lines end(d.log.end() - 4, d.log.end());
-    EXPECT_EQ(
-        std::count(d.log.begin(), d.log.end(), "error: controller_thread_loop(): select(): Cannot allocate memory"), 1);
     EXPECT_EQ(end[0], "error: controller_thread_loop(): recvfrom(): Input/output error");
     EXPECT_TRUE(end[1].starts_with("notice: CtrlConnFree(): Closing CTRL connection from 127.0.0.1:"));
     EXPECT_EQ(end[2], "notice: controller_module_teardown(): Starting shutdown sequence...");

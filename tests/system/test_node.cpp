@@ -6,32 +6,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-using Fields = std::map<size_t, std::string>;
-
-/* Numbers as they travel. */
-static std::string le(size_t width, std::initializer_list<unsigned> values)
-{
-    std::string text;
-    for (uint64_t value : values)
-        text.append(reinterpret_cast<const char *>(&value), width);
-    return text;
-}
-
-/* A message of `size` bytes, 0 but for these. */
-static std::string image(size_t size, const std::vector<Fields> &parts)
-{
-    std::string text(size, '\0');
-    for (const Fields &fields : parts)
-        for (const auto &[offset, value] : fields)
-            text.replace(offset, value.size(), value);
-    return text;
-}
-
 TEST(Publish, lays_out_every_message_byte_for_byte)
 {
     Host host;
-    const Tree v = vdisk_record(plain("vb", 300), {"16909060", "8"}) + vdisk_record(snapshot("sa", "vb"), {"16909060"});
-    host.put(edit(node_record("16909060", "ds1") + datastore_record("ds1") + v,
+    const uint32_t uid = 0x01020304;
+    const VDiskEntry s = snapshot("sa", "vb");
+    VDiskEntry v = plain("vb", 300);
+    v.transaction_id = 77;
+    host.put(edit(node_record("16909060", "ds1") + datastore_record("ds1") + vdisk_record(v, {"16909060", "8"}) +
+                      vdisk_record(s, {"16909060"}),
                   "-Node/8/ VDisk/sa/memberinfo/16909060/frontend: VDisk/vb/transaction_id=77"));
     host.write("/mnt/local_nodes", "16909060\n");
     host.set_clock(1000);
@@ -46,28 +29,10 @@ TEST(Publish, lays_out_every_message_byte_for_byte)
     }
     close(ctrl);
     d.wait_for("Closing");
-    // clang-format off
-    const Fields hdr = {{0, "\2\1"}, {3, "\2\4\3\2\1vendor"}, {40, "model"}, {72, le(4, {1001, 1002}) + "rev"},
-                        {104, "serial"}, {168, "hbtl"}, {200, le(4, {1003}) + "\150" + le(2, {1005})}};
-    const Fields aux = {{2, "\x23"}, {208, le(4, {28, 201, 202, 203, 204, 205, 206})}};
-    const Fields dse = {{2, "\20"}, {207, "ds1"}, {221, "dsname"}, {253, "dsdescr"},
-                        {285, le(4, {512}) + le(2, {2, 3}) + "\4"}};
-    auto vdisk = [](size_t at) {
-        return Fields{{at + 20, "name"}, {at + 50, le(4, {301}) + le(8, {302, 303, 304})},
-                      {at + 110, "\5" + le(2, {306, 307}) + "\10\11" + le(2, {310})}};
-    };
-    auto snap = [](size_t at) {
-        return Fields{{at + 4, "sa"}, {at + 18, "05"}, {at + 49, "\5"}, {at + 78, "\13\3\7"}, {at + 82, "\11\5\2vb"},
-                      {at + 119, "\1"}, {at + 121, "\1"}, {at + 125, "\4\3\2\1"}};
-    };
-    const Fields ping = {{2, "\4"}, {207, "\115"}, {211, "vb"}, {225, "00"}, {255, "\1\54"}, {285, "descr"},
-                         {328, "\2"}, {330, "\1"}, {332, "\4\3\2\1\10"}, {340, "\1"}, {343, "\12"}};
-    const Fields gone = {{2, "\""}, {207, "\4\3\2\1"}, {211, "0123456789abcd"}}, beat = {{2, " "}}, single = {{2, "!"}};
-    EXPECT_EQ(d.sent(), (Lines{image(294, {hdr, dse}), image(236, {hdr, aux}),
-                               image(473, {hdr, ping, vdisk(207), vdisk(344), snap(344)}), image(207, {hdr, beat}),
-                               image(336, {hdr, single, vdisk(207), snap(207)}), image(236, {hdr, aux}),
-                               image(225, {hdr, gone}), image(236, {hdr, aux})}));
-    // clang-format on
+    const std::string ping = report(v, {uid, 8}) + report(s, {uid}, {}), aux = aux_ping(uid);
+    EXPECT_EQ(d.sent(), (Lines{ds_ping(uid, "ds1"), aux, message(MSG_PING, uid, ping), message(MSG_HEARTBEAT, uid),
+                               message(MSG_SINGLE_VDISK_PING, uid, report(s, {uid}, {})), aux,
+                               vdisk_deleted(uid, "0123456789abcd"), aux}));
 }
 
 /* Every text fills its field and every number its width, or is empty and 0; what was heard is published again. */

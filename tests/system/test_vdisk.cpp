@@ -9,18 +9,11 @@ static std::string single(uint32_t uid, const std::string &body)
     return message(MSG_SINGLE_VDISK_PING, uid, body);
 }
 
-static VDiskEntry in_transaction(VDiskEntry vde)
-{
-    vde.transaction_id = 5;
-    return vde;
-}
-
 /* Differs in every field from what `plain` makes, so that what is not to change would show. */
-static VDiskEntry other(unsigned gen)
+static VDiskEntry other(unsigned gen, uint32_t transaction = 0)
 {
-    VDiskEntry vde = {0, "v1", {"", "other", htons(gen & 0xffff)}, 1, 402, 400, 401, {"other"}, 44, 403, 1, 45, 1, 1, 0,
-                      0, 0};
-    return vde;
+    return {transaction, "v1", {"", "other", htons(gen & 0xffff)}, 1, 402, 400, 401, {"other"}, 44, 403, 1, 45, 1, 1, 0,
+            0,           0};
 }
 
 /* What such a report writes into its sender's record, and all that a first one leaves of the sender. */
@@ -46,7 +39,8 @@ TEST(Report, changes_what_its_generation_and_transaction_allow)
     auto from = [](uint32_t uid, unsigned gen, const Uids &members) {
         return single(uid, report(other(gen), members));
     };
-    const std::string equal = from(7, 5, {7}), ds_link = "V/datastore>../../Datastore/ds1 ", seqno = "M7/seqno=401";
+    const std::string equal = from(7, 5, {7}), busy = single(7, report(other(6, 5))),
+                      ds_link = "V/datastore>../../Datastore/ds1 ", seqno = "M7/seqno=401";
     const std::string n7 = numbers("7"), r = n7 + "V/sectors=400 ", new7 = whole("7"), new8 = whole("8"),
                       gone7 = "-M7/ -Node/7/vdisks/v1 ";
     const std::string two = "V/membership=7|8 M8/ M8/seqno=1 Node/8/vdisks/v1>x", gone8 = "-M8/ -Node/8/vdisks/v1 ";
@@ -56,10 +50,8 @@ TEST(Report, changes_what_its_generation_and_transaction_allow)
     // clang-format off
     d.check(nodes + vdisk_record(plain("v1"), {"7"}, "ds1"), {
         /* In a transaction nothing but seqno. */
-        {"-V/ -Node/7/vdisks/v1 -Datastore/ds1/vdisks/v1 -VDisk/", single(7, report(in_transaction(plain("v1")))),
-            "VDisk/", ""},
-        {"", single(7, report(in_transaction(other(6)))), seqno, ""},
-        {"", single(8, report(in_transaction(other(6)))), "", ""},
+        {"-V/ -Node/7/vdisks/v1 -Datastore/ds1/vdisks/v1 -VDisk/", busy, "VDisk/", ""},
+        {"", busy, seqno, ""}, {"", single(8, report(other(6, 5))), "", ""},
         /* Stale, equal and higher generations, with and without a record of the sender's. */
         {"", from(7, 4, {7}), seqno, ""}, {"", from(8, 4, {7, 8}), "", ""}, {"", equal, r, ""},
         {"", from(8, 5, {7, 8}), new8 + "V/membership=7|8", ""},
@@ -122,13 +114,15 @@ TEST(Report, runs_the_fence_check_once_for_each_raise)
 {
     Host host;
     host.put(nodes + vdisk_record(plain("v1")));
-    host.write("/mnt/fence", "#!/bin/sh\ncat /tmp/VDISK-v1 /mnt/DB/VDisk/v1/highest_gen_count >>/mnt/calls\nexit 1\n");
+    host.write(
+        "/mnt/fence",
+        "#!/bin/sh\necho $* >>/mnt/calls\ncat /tmp/VDISK-v1 /mnt/DB/VDisk/v1/highest_gen_count >>/mnt/calls\nexit 1\n");
     host.shell("chmod 755 /mnt/fence");
     Daemon d(host);
     for (unsigned gen : {6U, 6U, 5U, 8U})
         EXPECT_EQ(d.apply(single(7, report(plain("v1", gen)))), "");
-    const std::string held = std::to_string(d.pid) + "\n";
-    EXPECT_EQ(host.read("/mnt/calls"), held + "6\n" + held + "8\n") << "the lock is held and all is stored by then";
+    const std::string call = "uuid=v1 member=7\n" + std::to_string(d.pid) + "\n";
+    EXPECT_EQ(host.read("/mnt/calls"), call + "6\n" + call + "8\n") << "the lock is held and all is stored by then";
     EXPECT_EQ(d.step("info: FenceCheck(): "), "Call /mnt/fence uuid=v1 member=7\nReturn /mnt/fence uuid=v1 member=7\n");
 }
 
@@ -200,7 +194,7 @@ TEST(Member, leaves_and_takes_the_vdisk_along)
     const std::string half_s = "-VDisk/s1/memberinfo/ -Node/7/vdisks/s1";
     d.check(nodes + vdisk_record(plain("v1"), {"7"}, "ds1") + vdisk_record(snapshot("s1", "v1"), {"7"}, "ds1"), {
         {"", s1, linked, ""}, {"V/snapshots/s1>x", s1, "", ""}, {"-V/", s1, "", ""},
-        {"", single(7, report(in_transaction(snapshot("s1", "v1")))), "", ""}, {"/tmp/VDISK-v1:", s1, "", ""},
+        {"/tmp/VDISK-v1:", s1, "", ""},
         {"-V/ VDisk/v1:", s1, "", "error: ParentUpdate_RefSnapshot(): @VDisk/v1 not a directory!\n"},
         {"", single(7, report(snapshot("s1", "s1"))), "", no_openat + "snapshots): ENOENT\n"},
         {linked, drop_s, s + " -V/snapshots/s1", ""}, {"-V/", drop_s, s, ""}, {linked, drop, gone, ""},
