@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -95,7 +96,9 @@ TEST(Frame, goes_to_the_background_and_logs_to_syslog)
     int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&sa), sizeof(sa)), 0);
     const std::string config = "pid_file=pid\nsyslog_ident=name\nsyslog_facility=local0\n";
+    umask(0);
     EXPECT_EQ(run(host, base_config + config, {"-C/mnt/mwd.conf"}), std::make_pair(0, std::string()));
+    umask(022);
     std::string lines;
     for (char buf[4096]; lines.find("Loading /mnt/unicast_hosts") == lines.npos;)
         lines += "\n" + std::string(buf, static_cast<size_t>(recv(log, buf, sizeof(buf), 0)));
