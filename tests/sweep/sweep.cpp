@@ -8,18 +8,18 @@
 
 #include <fcntl.h>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
 
 static const char quiet[] = "syslog_priority = notice\n";
 
-static size_t step()
+static long step()
 {
     const char *text = getenv("MWD_SWEEP_STEP");
-    return text ? strtoul(text, nullptr, 10) : 19;
+    return text ? atol(text) : 19;
 }
 
 /* The story, a publication and a control command. Returns the lines above notice. */
@@ -89,17 +89,10 @@ class Sweep : public testing::Test
                forgiven);
     }
 
-    /* As an operator does. */
-    void unlock()
-    {
-        for (const std::string &lock : host.locks())
-            host.remove("/tmp/" + lock);
-    }
-
     void expect_mended(Daemon &daemon)
     {
         cases++;
-        unlock();
+        host.shell("rm -f /tmp/*"); /* the locks, as an operator does */
         play(daemon);
         EXPECT_EQ(daemon.sent(), published);
         Tree tree = host.tree(), wanted = expected;
@@ -119,8 +112,7 @@ class Sweep : public testing::Test
         int number = 0;
         for (std::string line; std::getline(trace, line);) {
             begun = begun || line.starts_with("recvfrom(");
-            number += line.starts_with(call + "(");
-            if (begun && line.starts_with(call + "(") && !line.starts_with(call + "(2,"))
+            if (line.starts_with(call + "(") && number++ >= 0 && begun && !line.starts_with(call + "(2,"))
                 calls.push_back(number);
         }
         EXPECT_FALSE(calls.empty());
@@ -132,17 +124,6 @@ class Sweep : public testing::Test
     Lines published;
     int cases = 0, forgiven = 0;
 };
-
-/* What strace does to a call, as "call:what". */
-static std::string call_of(const std::string &fault)
-{
-    return fault.substr(0, fault.find(':'));
-}
-
-static Lines inject(const std::string &fault, int number)
-{
-    return strace({"-y", "-e", "trace=" + call_of(fault), "-e", "inject=" + fault + ":when=" + std::to_string(number)});
-}
 
 class Faults : public Sweep, public testing::WithParamInterface<const char *>
 {
@@ -159,20 +140,30 @@ static Lines lock_that_stays(const std::string &line)
 
 TEST_P(Faults, are_mended)
 {
-    const std::string fault = GetParam(), call = call_of(fault);
+    const std::string fault = GetParam(), call = fault.substr(0, fault.find(':'));
     /* Calls that are repeated, and where the daemon only looks, fail without a word. */
     const bool silent = fault.ends_with("EINTR") || call == "newfstatat" || call == "lseek" || call == "getdents64";
     std::vector<int> calls = calls_of_story(call);
-    for (size_t i = 0; i < calls.size(); i += step()) {
+    for (size_t i = 0; i < calls.size(); i += static_cast<size_t>(step())) {
         host.put(story_local());
-        Daemon daemon(host, quiet, inject(fault, calls[i]), "-d");
-        std::string lines = play(daemon), trace = host.read("/mnt/strace");
-        size_t end = trace.find(" (INJECTED"), start = trace.rfind('\n', end) + 1;
-        ASSERT_NE(end, trace.npos);
-        SCOPED_TRACE(trace.substr(start, end - start));
-        EXPECT_EQ(host.locks(), lock_that_stays(trace.substr(start, end - start)));
-        EXPECT_TRUE(silent || !lines.empty()) << "nothing was logged";
-        expect_mended(daemon);
+        const std::string injection = "inject=" + fault + ":when=" + std::to_string(calls[i]);
+        SCOPED_TRACE(injection);
+        std::optional<Daemon> daemon(std::in_place, host, quiet, strace({"-ye", "trace=" + call, "-e", injection}),
+                                     "-d");
+        if (fault.ends_with("KILL")) {
+            EXPECT_THROW(play(*daemon), std::system_error);
+            ASSERT_EQ(daemon->stop(0), 128 + SIGKILL);
+            EXPECT_LE(host.locks().size(), 2U);
+            host.shell("rm -f /tmp/*");
+            daemon.emplace(host, quiet, Lines(), "-d");
+        } else {
+            std::string lines = play(*daemon), trace = host.read("/mnt/strace");
+            size_t end = trace.find(" (INJECTED"), start = trace.rfind('\n', end) + 1;
+            ASSERT_NE(end, trace.npos);
+            EXPECT_EQ(host.locks(), lock_that_stays(trace.substr(start, end - start))) << trace.substr(start, 99);
+            EXPECT_TRUE(silent || !lines.empty()) << "nothing was logged of " << trace.substr(start, 99);
+        }
+        expect_mended(*daemon);
     }
 }
 
@@ -187,102 +178,72 @@ INSTANTIATE_TEST_SUITE_P(Each, Faults,
                                          "accept:error=ECONNABORTED", "accept:error=EINTR", "fcntl:error=EBADF",
                                          "setsockopt:error=EPERM"));
 
-class Crashes : public Sweep, public testing::WithParamInterface<const char *>
-{
-};
-
-TEST_P(Crashes, are_mended)
-{
-    std::vector<int> calls = calls_of_story(GetParam());
-    for (size_t i = 0; i < calls.size(); i += step()) {
-        SCOPED_TRACE(calls[i]);
-        host.put(story_local());
-        {
-            Daemon daemon(host, quiet, inject(std::string(GetParam()) + ":signal=KILL", calls[i]), "-d");
-            EXPECT_THROW(play(daemon), std::system_error);
-            ASSERT_EQ(daemon.stop(0), 128 + SIGKILL);
-        }
-        EXPECT_LE(host.locks().size(), 2U);
-        unlock();
-        Daemon daemon(host, quiet, {}, "-d");
-        expect_mended(daemon);
-    }
-}
-
 /* Nothing else changes what is on the disk, so these are all crashes that can be told apart. */
-INSTANTIATE_TEST_SUITE_P(Each, Crashes,
-                         testing::Values("openat", "mkdir", "mkdirat", "symlinkat", "write", "unlink", "rmdir"));
+INSTANTIATE_TEST_SUITE_P(Crash, Faults,
+                         testing::Values("openat:signal=KILL", "mkdir:signal=KILL", "mkdirat:signal=KILL",
+                                         "symlinkat:signal=KILL", "write:signal=KILL", "unlink:signal=KILL",
+                                         "rmdir:signal=KILL"));
 
 /* The file system of the tree, then that of the locks, has room for so many pages more. */
 TEST_F(Sweep, full_file_systems_are_mended)
 {
-    for (const auto &[where, most] : {std::pair<std::string, size_t>{"/mnt", 120}, {"/tmp", 1}}) {
-        auto limit = [&, at = where](size_t size) {
-            host.shell("mount -o remount,size=" + std::to_string(size) + " " + at);
-        };
-        for (size_t pages = 0; pages <= most; pages += step()) {
+    for (const auto &[where, most] : {std::pair<std::string, long>{"/mnt", 120}, {"/tmp", 1}}) {
+        const std::string remount = "mount " + where + " -o remount,size=";
+        for (long pages = 0; pages <= most; pages += step()) {
             SCOPED_TRACE(where + " " + std::to_string(pages));
             host.put(story_local());
             Daemon daemon(host, quiet, {}, "-d");
             host.write(where + "/filler", "x");
             auto space = std::filesystem::space(host.path(where));
-            limit(space.capacity - space.free + pages * 4096);
+            host.shell(remount + std::to_string(space.capacity - space.free + static_cast<size_t>(pages) * 4096));
             EXPECT_NE(play(daemon), "");
-            limit(64 << 20);
+            host.shell(remount + "64m");
             expect_mended(daemon);
         }
     }
 }
 
-/*
- * The daemon comes up all the same and can be stopped, or it says why not and ends with status 1. No allocation fails
- * once it is up; returns how many were left to make then.
- */
-static long start(Host &host, Lines argv, volatile Allocations *shared)
+static const char stop[] = "inject=pselect6:signal=TERM"; /* when the daemon waits for the first time */
+
+/* The daemon comes up and is stopped, or says why not and ends with status 1. */
+static void start(Host &host, const Lines &disturbance)
 {
     host.write("/mnt/mwd.conf", std::string(base_config) + "unicast_mode = 0\n");
+    Lines argv = strace(disturbance);
     argv.insert(argv.end(), {"/mnt/mwd", "-dC/mnt/mwd.conf"});
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    pid_t pid = host.spawn(argv, ends[1]);
-    close(ends[1]);
-    std::string told;
-    bool up = false;
-    char buf[4096];
-    for (ssize_t n; !up && (n = read(ends[0], buf, sizeof(buf))) > 0;) {
-        told.append(buf, static_cast<size_t>(n));
-        up = told.find("load_unicast_hosts(): Loading") != told.npos;
-    }
-    const long left = shared->countdown;
-    shared->countdown = 0;
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) /* a signal that comes before select does not cut it short */
-        kill(pid, up ? SIGTERM : 0);
-    EXPECT_EQ(status, up ? 0 : 1 << 8) << told;
-    EXPECT_TRUE(up || told.find("error: ") != told.npos || told.find("regcomp(") != told.npos) << told;
-    close(ends[0]);
-    return left;
+    host.write("/mnt/stderr", "");
+    int err = open(host.path("/mnt/stderr").c_str(), O_RDWR | O_CLOEXEC);
+    int status = wait_for_exit(host.spawn(argv, err));
+    close(err);
+    std::string told = host.read("/mnt/stderr");
+    EXPECT_TRUE(told.find("Shutdown sequence finished!") != told.npos ||
+                (status == 1 && (told.find("error: ") != told.npos || told.find("regcomp(") != told.npos)))
+        << status << " after " << told;
 }
 
 TEST(Start, failures_are_told)
 {
     Host host;
-    Allocations unshared = {};
+    host.write("/mnt/local_nodes", "9\n");
+    auto injected = [&] {
+        return host.read("/mnt/strace").find("(INJECTED)") != std::string::npos;
+    };
     for (const char *fault :
          {"socket:error=EMFILE", "setsockopt:error=EPERM", "getsockopt:error=EPERM", "bind:error=EADDRINUSE",
           "listen:error=EADDRINUSE", "ioctl:error=ENODEV", "fcntl:error=EBADF", "fsync:error=EIO"}) {
         int n = 1;
         do
-            start(host, inject(fault, n++), &unshared);
-        while (host.read("/mnt/strace").find("(INJECTED)") != std::string::npos);
+            start(host, {"-e", stop, "-e", std::string("inject=") + fault + ":when=" + std::to_string(n++)});
+        while (injected());
         EXPECT_GT(n, 2) << fault;
     }
     for (auto [path, fault] : {std::pair{"/mnt/mwd.pid", "write:error=ENOSPC"},
                                {"/mnt/mwd.pid", "close:error=EIO"},
                                {"/mnt/mwd.pid", "close:error=EINTR:when=1"},
                                {"/mnt/local_nodes", "read:error=EIO"}}) {
-        start(host, strace({"-P", path, "-e", std::string("inject=") + fault}), &unshared);
-        EXPECT_NE(host.read("/mnt/strace").find("(INJECTED)"), std::string::npos) << fault;
+        start(host, {"-P", path, "-P", "/mnt/unicast_hosts", "-e", "inject=openat:signal=TERM:when=2", "-e",
+                     std::string("inject=") + fault});
+        EXPECT_TRUE(injected()) << fault;
     }
 }
 
@@ -297,26 +258,21 @@ static volatile Allocations *share_allocations(Host &host)
     return static_cast<volatile Allocations *>(shared);
 }
 
-static const Lines failing_allocations = {"env", "LD_PRELOAD=/mnt/alloc.so"};
-
 TEST(Start, failed_allocations_are_told)
 {
     Host host;
     host.write("/mnt/local_nodes", "9\n");
     auto *shared = share_allocations(host);
-    long left = 0;
-    for (long n = 1; left == 0; n += static_cast<long>(step())) {
-        SCOPED_TRACE(n);
+    for (long n = 1; shared->countdown == 0; n += step()) {
         shared->countdown = n;
-        left = start(host, failing_allocations, shared);
+        start(host, {"-e", stop, "-E", "LD_PRELOAD=/mnt/alloc.so"});
     }
 }
 
 TEST_F(Sweep, failed_allocations_are_mended)
 {
     auto *shared = share_allocations(host);
-    host.put(story_local());
-    Daemon daemon(host, quiet, failing_allocations, "-d");
+    Daemon daemon(host, quiet, {"env", "LD_PRELOAD=/mnt/alloc.so"}, "-d");
     play(daemon);
     host.put(story_local());
     const long many = 1000000;
@@ -327,7 +283,7 @@ TEST_F(Sweep, failed_allocations_are_mended)
         return shared->alive;
     };
     const long all = many - shared->countdown, before = alive();
-    for (long n = 1; n <= all; n += static_cast<long>(step())) {
+    for (long n = 1; n <= all; n += step()) {
         SCOPED_TRACE(n);
         host.put(story_local());
         shared->countdown = n;
