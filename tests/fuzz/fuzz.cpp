@@ -1,7 +1,7 @@
 /*
- * Fuzz targets: MWD_FUZZ_TARGET names the function that this build feeds. The tree and the locks lie on a
- * private tmpfs, every log line is formatted and dropped, every message sent is taken. After each input no
- * lock and no descriptor may be left. Seeds are written into the directory of the first argument.
+ * Fuzz targets: MWD_FUZZ_TARGET names the function that this build feeds. The tree and the locks lie on a private
+ * tmpfs, every log line is formatted and dropped, every message sent is taken. After each input no lock and no
+ * descriptor may be left. Seeds of datagrams are written into the directory of the first argument.
  */
 #include "mwd/config.h"
 #include "mwd/controller_internal.h"
@@ -9,26 +9,23 @@
 #include "tests/sweep/story.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <csetjmp>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sched.h>
-#include <string>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
+
+namespace fs = std::filesystem;
 
 static char buf[MSG_LEN_MAX];
 static const std::string *open_text; /* while set, fopen reads it in place of any file, and exit comes back */
 static FILE *open_file;
 static jmp_buf refused;
-static std::error_code ignored;
 
 extern "C" {
 FILE *__real_fopen(const char *path, const char *mode);
@@ -109,11 +106,6 @@ static std::string cut_piece(std::string *input)
     return piece;
 }
 
-static std::string as_piece(const std::string &text)
-{
-    return {std::string{static_cast<char>(text.size() & 0xff), static_cast<char>(text.size() >> 8)} + text};
-}
-
 /* The local node 7 with two Plain VDisks and a Snapshot, and one destination. */
 static void set_up_node()
 {
@@ -170,30 +162,21 @@ static void drop_everything()
     drop_everything();
 }
 
-static std::vector<std::string> files_of_tree()
-{
-    std::vector<std::string> files;
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(cfg_work_directory))
-        if (entry.symlink_status().type() == std::filesystem::file_type::regular)
-            files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-/* Each piece, behind a byte that chooses, is a file's new content or a link's name; then the node publishes
- * and hears its own deletions. */
+/* Each piece, behind a byte that chooses, is a file's new content or a link's name; then the node publishes and hears
+ * its own deletions. */
 [[maybe_unused]] static void fuzz_tree(std::string input)
 {
     set_up_node();
-    static const std::vector<std::string> files = files_of_tree();
+    static const std::vector<fs::directory_entry> entries(fs::recursive_directory_iterator(cfg_work_directory), {});
     while (!input.empty()) {
         auto choice = static_cast<unsigned char>(input[0]);
         input.erase(0, 1);
         std::string piece = cut_piece(&input);
-        if (choice < files.size())
-            std::ofstream(files[choice], std::ios::binary) << piece;
-        else if (piece.find('/') == std::string::npos)
-            std::filesystem::create_symlink("x", cfg_work_directory + ("/Node/7/vdisks/" + piece), ignored);
+        std::error_code ignored;
+        if (choice < entries.size())
+            std::ofstream(entries[choice].path(), std::ios::binary) << piece;
+        else if (piece.find('/') == piece.npos)
+            fs::create_symlink("x", cfg_work_directory + ("/Node/7/vdisks/" + piece), ignored);
     }
     send_pings(buf, sizeof(buf), -1);
     for (size_t i = 5; i < 10; i++)
@@ -208,41 +191,27 @@ static int next_free_fd()
     return fd;
 }
 
-static void abort_if_locked()
-{
-    for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
-        if (entry.path() != "/tmp/tree")
-            abort();
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     int before = next_free_fd();
     MWD_FUZZ_TARGET({reinterpret_cast<const char *>(data), size});
-    abort_if_locked();
-    if (next_free_fd() != before)
+    if (next_free_fd() != before || std::distance(fs::directory_iterator("/tmp"), {}) != 1)
         abort();
     return 0;
 }
 
+/* Each message, the same with every text up to its width, and all in one. */
 static void write_seeds(const std::string &directory)
 {
-    std::string whole;
     int number = 0;
-    auto write = [&](const std::string &seed) {
-        std::ofstream(directory + "/seed" + std::to_string(number++), std::ios::binary) << seed;
-    };
-    for (const std::string &message : story()) {
-        write(as_piece(message));
-        whole += as_piece(message);
-        std::string filled = message; /* every text up to its width */
-        std::replace(filled.begin() + 8, filled.end(), '\0', 'x');
-        write(as_piece(filled));
+    std::ofstream whole(directory + "/whole", std::ios::binary);
+    for (std::string message : story()) {
+        std::string length = {static_cast<char>(message.size() & 0xff), static_cast<char>(message.size() >> 8)};
+        whole << length << message;
+        std::ofstream(directory + "/" + std::to_string(number++), std::ios::binary) << length << message;
+        std::replace(message.begin() + 8, message.end(), '\0', 'x');
+        std::ofstream(directory + "/" + std::to_string(number++), std::ios::binary) << length << message;
     }
-    write(whole);
-    write("single_vdisk_ping 7 v1\n");
-    write("vdisk_deleted 7 s1\r\n");
-    write("ds_ping 7\n");
 }
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
