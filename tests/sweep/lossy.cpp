@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <memory>
+#include <optional>
 #include <random>
 #include <unistd.h>
 
@@ -25,23 +25,15 @@ struct End {
     Host host;
     const std::string uid, ds;
     std::map<std::string, unsigned> generations; /* of every VDisk there ever was: they never fall */
-    std::unique_ptr<Daemon> daemon;
+    std::optional<Daemon> daemon;
     Lines held;
-    int control;
 
     explicit End(int number) : host(number), uid(std::to_string(number)), ds("ds" + uid)
     {
         fs::copy_file("/bin/true", host.path("/mnt/fence"));
         host.write("/mnt/local_nodes", uid + "\n");
         host.put(node_record(uid, ds) + datastore_record(ds, uid));
-        daemon = std::make_unique<Daemon>(host, "syslog_priority = notice\n", Lines(), "-d");
-        control = host.socket(SOCK_STREAM, "127.0.0.1", 31337);
-    }
-
-    ~End()
-    {
-        close(control);
-        daemon->wait_for("Closing CTRL");
+        daemon.emplace(host, "syslog_priority = notice\n", Lines(), "-d");
     }
 
     /* Writes values into the tree and has the daemon told. */
@@ -56,8 +48,10 @@ struct End {
             else
                 host.write(inside, value);
         }
+        int control = host.socket(SOCK_STREAM, "127.0.0.1", 31337);
         EXPECT_GT(write(control, command.data(), command.size()), 0);
-        daemon->wait_for("MSG from CTRL");
+        close(control);
+        daemon->wait_for("Closing CTRL");
         daemon->sync();
     }
 
