@@ -58,7 +58,7 @@ struct End {
     /* The node or its datastore changes, or a VDisk goes or comes anew, with the generation it had or the next. */
     void change(Dice &dice)
     {
-        std::string vdisk = "v" + uid + std::to_string(dice() % 5), roll = std::to_string(1 + dice() % 250);
+        std::string vdisk = "v" + uid + std::to_string(dice() % 20), roll = std::to_string(1 + dice() % 250);
         if (dice() % 8 == 0)
             return store(edit({}, "Node/" + uid + "/freespace=" + roll + " Datastore/" + ds + "/description=" + roll),
                          "ds_ping " + uid + "\n");
