@@ -153,8 +153,7 @@ static int value_of_name(const ConfigKey &key, const char *value)
     refuse_text(key.key, value);
 }
 
-/* Reads like atoi: any text is a number, and one that is out of `int` is cut to its low bits before the test.
- */
+/* Reads like atoi: any text is a number, and one that is out of `int` is cut to its low bits first. */
 static int value_of_integer(const ConfigKey &key, const char *value)
 {
     int number = static_cast<int>(strtol(value, nullptr, 10));

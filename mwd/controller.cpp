@@ -162,8 +162,7 @@ static void update_fds(fd_set *fds, int *nfdsp, int so, int ctrlso, struct CtrlC
     FD_SET(ctrlso, fds);
     int largest = std::max(so, ctrlso);
     struct CtrlConn *ccp;
-    TAILQ_FOREACH(ccp, cclp, entries)
-    {
+    TAILQ_FOREACH(ccp, cclp, entries) {
         FD_SET(ccp->so, fds);
         largest = std::max(largest, ccp->so);
     }

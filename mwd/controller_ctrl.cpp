@@ -178,8 +178,7 @@ int handle_ctrl_cmd(struct CtrlConn *ccp, char *buf, size_t buflen, int so)
 static struct Node *take_local_node(const char *nodeuuid)
 {
     struct Node *node;
-    TAILQ_FOREACH(node, local_nodes, entries)
-    {
+    TAILQ_FOREACH(node, local_nodes, entries) {
         if (strcmp(node->nodeuuid, nodeuuid) == 0) {
             node_clear(node);
             return node;

@@ -24,8 +24,7 @@ int xmit_msg(const char *buf, size_t msglen, int so, int idx)
     struct HostList *hosts = cfg_unicast_mode != 0 ? unicast_hosts : multicast_groups;
     int result = 0;
     struct Host *host;
-    TAILQ_FOREACH(host, hosts, entries)
-    {
+    TAILQ_FOREACH(host, hosts, entries) {
         ssize_t sent = send_to_host(buf, msglen, so, host);
         unsigned int port = ntohs(host->sa.sin_port);
         if (sent < 0) {
@@ -105,15 +104,13 @@ static int append_lists(const char *op, const struct VDisk *vdisk, char *buf, si
 {
     const char *kind = kind_of(vdisk);
     struct Member *member;
-    TAILQ_FOREACH(member, &vdisk->members, entries)
-    {
+    TAILQ_FOREACH(member, &vdisk->members, entries) {
         if (append(buf, buflen, idx, &member->mbe, sizeof(member->mbe)) < 0)
             return -1;
         log_debug_as(op, "APPEND %s Member entry %zu bytes", kind, sizeof(member->mbe));
     }
     struct Frontend *frontend;
-    TAILQ_FOREACH(frontend, &vdisk->frontends, entries)
-    {
+    TAILQ_FOREACH(frontend, &vdisk->frontends, entries) {
         if (append(buf, buflen, idx, &frontend->fee, sizeof(frontend->fee)) < 0)
             return -1;
         log_debug_as(op, "APPEND %s Frontend entry %zu bytes", kind, sizeof(frontend->fee));
@@ -304,7 +301,7 @@ void send_pings(char *buf, size_t buflen, int so)
 {
     struct Node *node;
     TAILQ_FOREACH(node, local_nodes, entries)
-    ping_node(__func__, node, buf, buflen, so);
+        ping_node(__func__, node, buf, buflen, so);
 }
 
 static void heartbeat_node(const char *op, struct Node *node, char *buf, size_t buflen, int so)
@@ -325,5 +322,5 @@ void send_heartbeats(char *buf, size_t buflen, int so)
 {
     struct Node *node;
     TAILQ_FOREACH(node, local_nodes, entries)
-    heartbeat_node(__func__, node, buf, buflen, so);
+        heartbeat_node(__func__, node, buf, buflen, so);
 }

@@ -44,8 +44,7 @@ static void handle_aux_ping(const struct Hdr *hdr, size_t r, const char *ipaddr)
     NodeUnlock(hdr->uid);
 }
 
-/* The node is a member of the datastore `dse`: first the datastore's half of the membership, then the node's.
- */
+/* The node is a member of the datastore `dse`: the datastore's half of the membership first, then the node's. */
 static void join_datastore(const struct Hdr *hdr, const struct DatastoreEntry *dse)
 {
     if (DatastoreLock(dse) < 0)

@@ -84,9 +84,9 @@ void dump_local_nodes()
     int n = 0, i = 0;
     struct Node *node;
     TAILQ_FOREACH(node, local_nodes, entries)
-    n++;
+        n++;
     TAILQ_FOREACH(node, local_nodes, entries)
-    log_notice("[%d/%d] %u", ++i, n, node->nodeid);
+        log_notice("[%d/%d] %u", ++i, n, node->nodeid);
 }
 
 /* Fills the host from the address `text`. Returns 0, or -1 if that is too long or no address. */
@@ -147,9 +147,9 @@ void dump_unicast_hosts()
     int n = 0, i = 0;
     struct Host *host;
     TAILQ_FOREACH(host, unicast_hosts, entries)
-    n++;
+        n++;
     TAILQ_FOREACH(host, unicast_hosts, entries)
-    log_notice("[%d/%d] %s", ++i, n, host->ipaddr);
+        log_notice("[%d/%d] %s", ++i, n, host->ipaddr);
 }
 
 int parse_mcast_groups()
@@ -171,7 +171,7 @@ int join_mcast_groups(int so, const struct sockaddr_in *if_addr)
 {
     struct Host *group;
     TAILQ_FOREACH(group, multicast_groups, entries)
-    if (add_mcast_membership(so, group->ipaddr, if_addr) < 0)
-        return -1;
+        if (add_mcast_membership(so, group->ipaddr, if_addr) < 0)
+            return -1;
     return 0;
 }

@@ -106,8 +106,7 @@ int record_mkdir_new(const Record &record, const char *name);
 /* Makes the link `name` after the line "PATH/NAME [SYMLINK TARGET]". Returns 0 or -1. */
 int record_symlink(const Record &record, const char *name, const char *target);
 
-/* fsync and close of the record's directory, on the common way out. A failed fsync is a warning and no more.
- */
+/* fsync and close of the record's directory, on the common way out. A failed fsync is only a warning. */
 void record_sync_close(const Record &record);
 
 /* Makes the directory `path` after the line "PATH [MKDIR]", for operation `op`; one that exists is fine. 0 or -1. */

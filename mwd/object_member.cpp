@@ -43,13 +43,13 @@ static int store_frontends(const Record &record, struct FrontendList *frontends)
     size_t count = 0;
     struct Frontend *frontend;
     TAILQ_FOREACH(frontend, frontends, entries)
-    count++;
+        count++;
     BufGuard text(list_alloc(record.op, count));
     if (!text.buf)
         return -1;
     char *end = text.buf;
     TAILQ_FOREACH(frontend, frontends, entries)
-    end += snprintf(end, LIST_LINE_LEN + 1, "%s\n", frontend->ipaddr);
+        end += snprintf(end, LIST_LINE_LEN + 1, "%s\n", frontend->ipaddr);
 
     log_debug_as(record.op, RECORD_PATH "/frontend", RECORD_ARGS(record));
     return AttrStore(record.dirfd, "frontend", "%s", text.buf) < 0 ? -1 : 0;
@@ -225,7 +225,7 @@ int MembershipStore(struct VDisk *vdisk, const char *vdiskpath, int vdiskfd)
     size_t count = 0;
     struct Member *member;
     TAILQ_FOREACH(member, &vdisk->members, entries)
-    count++;
+        count++;
     if (count == 0)
         return 0;
     BufGuard text(list_alloc(__func__, count));
@@ -233,7 +233,7 @@ int MembershipStore(struct VDisk *vdisk, const char *vdiskpath, int vdiskfd)
         return -1;
     char *end = text.buf;
     TAILQ_FOREACH(member, &vdisk->members, entries)
-    end += snprintf(end, LIST_LINE_LEN + 1, "%u\n", member->mbe.node);
+        end += snprintf(end, LIST_LINE_LEN + 1, "%u\n", member->mbe.node);
 
     log_debug("%s/membership", vdiskpath);
     return AttrStore(vdiskfd, "membership", "%s", text.buf) < 0 ? -1 : 0;

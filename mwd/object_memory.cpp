@@ -186,8 +186,8 @@ struct Member *MemberLookup(struct MemberList *mblp, unsigned int nodeid)
 {
     struct Member *member;
     TAILQ_FOREACH(member, mblp, entries)
-    if (member->mbe.node == nodeid)
-        return member;
+        if (member->mbe.node == nodeid)
+            return member;
     return nullptr;
 }
 

@@ -41,8 +41,7 @@ static int store_identity(const Record &record, const struct Hdr *hdr)
     return 0;
 }
 
-/* One wire field, two attributes: a node with a backup channel sends that address in the place of its size.
- */
+/* One wire field, two attributes: a node with a backup channel sends that address in place of its size. */
 static int store_size(const Record &record, const struct Hdr *hdr)
 {
     uint32_t size = hdr->size;
@@ -92,8 +91,7 @@ int NodeCreate(const struct Hdr *hdr, const char *ipaddr)
     return result;
 }
 
-/* Opens the record of a node that may have none, which is no failure to tell. Returns the descriptor or -1.
- */
+/* Opens the record of a node that may have none, which is no failure to tell. The descriptor, or -1. */
 static int open_known_node(const char *op, const char *path)
 {
     int dirfd;

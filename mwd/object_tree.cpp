@@ -100,8 +100,7 @@ struct VDisk *VDiskTree_RB_INSERT(struct VDiskTree *head, struct VDisk *elm)
     return nullptr;
 }
 
-/* Restores the colours after a black element went: the ways through `elm`, a child of `parent`, lack a black.
- */
+/* Restores the colours after a black element went: the ways through `elm`, a child of `parent`, lack one. */
 static void VDiskTree_RB_REMOVE_COLOR(struct VDiskTree *head, struct VDisk *parent, struct VDisk *elm)
 {
     while (!is_red(elm) && elm != head->rbh_root) {

@@ -76,8 +76,7 @@ static int make_member_record(const Record &memberinfo, const char *nodeuuid)
     return dir_openat(memberinfo.dirfd, nodeuuid);
 }
 
-/* The create path: fills the directory just made. What it leaves undone on failure, no later report makes up.
- */
+/* The create path: fills the directory just made. What a failure leaves undone, no later report makes up. */
 static int create_vdisk(const struct Hdr *hdr, struct VDisk *vdisk, const Record &record, const Record &memberinfo,
                         const char *nodeuuid)
 {
@@ -137,8 +136,7 @@ int VDiskCreate(const struct Hdr *hdr, struct VDisk *vdisk)
     return result;
 }
 
-/* Opens the sender's record and stores `seqno`, which every report renews. *mbfd is -1 if there is no record.
- */
+/* Opens the sender's record and stores `seqno`, which every report renews. *mbfd is -1 if it has none. */
 static int renew_seqno(const Record &memberinfo, const struct VDisk *vdisk, const char *nodeuuid, FdGuard *mbfd)
 {
     int missing = entry_missing(memberinfo.dirfd, nodeuuid);
@@ -184,8 +182,8 @@ static int replace_membership(const Record &record, struct VDisk *vdisk)
     struct Member *member;
     if (result == 0)
         TAILQ_FOREACH(member, &members, entries)
-    if (!MemberLookup(&vdisk->members, member->mbe.node))
-        MemberinfoDelete(vdisk, member->uuid);
+            if (!MemberLookup(&vdisk->members, member->mbe.node))
+                MemberinfoDelete(vdisk, member->uuid);
     MemberListFlush(&members);
     return result;
 }
