@@ -93,7 +93,7 @@ static int scan_number(const char *text, const char *format, va_list args)
     unsigned long long number;
     if (scan_digits(text, &number) == text)
         return text[strspn(text, " \t\n\v\f\r")] == '\0' ? EOF : 0;
-    if (strcmp(format, "%u") == 0)
+    if (format[1] == 'u')
         *va_arg(args, unsigned int *) = static_cast<unsigned int>(number);
     else
         *va_arg(args, unsigned long long *) = number;

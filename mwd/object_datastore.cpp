@@ -5,7 +5,6 @@
 #include "mwd/io.h"
 #include "mwd/syslog.h"
 
-#include <cstdio>
 #include <cstring>
 
 static int store_attributes(const Record &record, const struct DatastoreEntry *dse)
@@ -28,13 +27,13 @@ static int ref_node(const Record &record, const struct DatastoreEntry *dse, uint
     if (dir.fd < 0)
         return -1;
     char nodeuuid[NAME_LEN];
-    snprintf(nodeuuid, sizeof(nodeuuid), "%u", uid);
+    text_join(nodeuuid, {Decimal(uid)});
     int missing = entry_missing(dir.fd, nodeuuid);
     if (missing <= 0)
         return missing;
 
     char target[TARGET_LEN];
-    if (text_format(target, sizeof(target), "../../../Node/%s", nodeuuid) < 0)
+    if (text_join(target, {"../../../Node/", nodeuuid}) < 0)
         return -1;
     log_info_as(record.op, "Update Datastore %.*s ref Node %s", static_cast<int>(UUID_WIDTH), dse->uuid, nodeuuid);
     const Record members = {record.op, record.path, "/members", "", dir.fd};
@@ -53,9 +52,8 @@ int DatastoreCreate(const struct Hdr *hdr, const struct DatastoreEntry *dse)
     log_info("Create Datastore %.*s", static_cast<int>(UUID_WIDTH), dse->uuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Datastore", cfg_work_directory) < 0 || path_mkdir(__func__, path) < 0 ||
-        text_format(path, sizeof(path), "%s/Datastore/%.*s", cfg_work_directory, static_cast<int>(UUID_WIDTH),
-                    dse->uuid) < 0 ||
+    if (text_join(path, {cfg_work_directory, "/Datastore"}) < 0 || path_mkdir(__func__, path) < 0 ||
+        text_join(path, {cfg_work_directory, "/Datastore/", uuid_view(dse->uuid)}) < 0 ||
         path_mkdir(__func__, path) < 0)
         return -1;
     int dirfd = dir_open(path);
@@ -73,7 +71,7 @@ int DatastoreLoad(const char *dsuuid, struct DatastoreEntry *dse)
     memset(dse, 0, sizeof(*dse));
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Datastore/%s", cfg_work_directory, dsuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Datastore/", dsuuid}) < 0)
         return -1;
     log_debug("%s [OPEN]", path);
     FdGuard dir(dir_open(path));
@@ -105,16 +103,15 @@ int DatastoreUpdate_UnrefNode(const char *dsuuid, const char *nodeuuid)
     log_info("Update Datastore %s unref Node %s", dsuuid, nodeuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Datastore/%s/members/%s", cfg_work_directory, dsuuid, nodeuuid) < 0 ||
-        path_unlink(__func__, path) < 0 ||
-        text_format(path, sizeof(path), "%s/Datastore/%s/members", cfg_work_directory, dsuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Datastore/", dsuuid, "/members/", nodeuuid}) < 0 ||
+        path_unlink(__func__, path) < 0 || text_join(path, {cfg_work_directory, "/Datastore/", dsuuid, "/members"}) < 0)
         return -1;
     int others_left = path_rmdir(__func__, path);
     if (others_left != 0)
         return others_left < 0 ? -1 : 0;
 
     log_info("Delete Datastore %s", dsuuid);
-    if (text_format(path, sizeof(path), "%s/Datastore/%s", cfg_work_directory, dsuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Datastore/", dsuuid}) < 0)
         return -1;
     return path_remove_tree(__func__, path) == 0 ? 0 : -1;
 }

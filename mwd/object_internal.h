@@ -7,14 +7,43 @@
 
 #include "mwd/object.h"
 
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
+#include <initializer_list>
+#include <string_view>
 
 constexpr size_t PATH_LEN = 256;  /* absolute paths */
 constexpr size_t TARGET_LEN = 64; /* targets of symbolic links */
 
-/* Formats a path or a link's target. Returns 0, or -1 without a line if the text does not fit. */
-[[gnu::format(printf, 3, 4)]] int text_format(char *text, size_t size, const char *format, ...);
+/* Joins the pieces of a path, or of a link's target. Returns 0, or -1 without a line if the text does not fit. */
+int text_join(char *text, size_t size, std::initializer_list<std::string_view> pieces);
+template <size_t Size> int text_join(char (&text)[Size], std::initializer_list<std::string_view> pieces)
+{
+    return text_join(text, Size, pieces);
+}
+
+/* A number as a piece of a text. */
+struct Decimal {
+    char digits[10];
+    size_t length;
+
+    explicit Decimal(uint32_t number)
+    {
+        length = static_cast<size_t>(std::to_chars(digits, digits + sizeof(digits), number).ptr - digits);
+    }
+    operator std::string_view() const
+    {
+        return {digits, length};
+    }
+};
+
+/* A UUID of a wire record as a piece of a text. */
+inline std::string_view uuid_view(const char (&field)[UUID_WIDTH])
+{
+    return {field, strnlen(field, UUID_WIDTH)};
+}
 
 /* Frees a buffer from malloc at the end of its scope. */
 struct BufGuard {

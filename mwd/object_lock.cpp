@@ -69,88 +69,79 @@ void PathUnlock(const char *path)
         log_warn("unlink(%s): %s", path, strerror(errno));
 }
 
-/* The files: what each record's lock is called. The number and the text of a node come to the same name. */
-#define NODE_LOCK(path, nodeid) text_format(path, sizeof(path), "/tmp/NODE-%u", nodeid)
-#define NODE_LOCK_STR(path, nodeuuid) text_format(path, sizeof(path), "/tmp/NODE-%s", nodeuuid)
-#define DATASTORE_LOCK(path, dse)                                                                                      \
-    text_format(path, sizeof(path), "/tmp/DS-%.*s", static_cast<int>(UUID_WIDTH), (dse)->uuid)
-#define DATASTORE_LOCK_STR(path, dsuuid) text_format(path, sizeof(path), "/tmp/DS-%s", dsuuid)
-#define VDISK_LOCK(path, uuid) text_format(path, sizeof(path), "/tmp/VDISK-%s", uuid)
+/* A lock by its name, which comes in pieces. */
+static int lock_named(std::initializer_list<std::string_view> name, int timeout_ms)
+{
+    char path[PATH_LEN];
+    return text_join(path, name) < 0 ? -1 : PathLock(path, timeout_ms);
+}
+
+static void unlock_named(std::initializer_list<std::string_view> name)
+{
+    char path[PATH_LEN];
+    if (text_join(path, name) == 0)
+        PathUnlock(path);
+}
+
+/* What each record's lock is called. The number and the text of a node come to the same name. */
+static constexpr std::string_view node_lock = "/tmp/NODE-", datastore_lock = "/tmp/DS-", vdisk_lock = "/tmp/VDISK-";
 
 int NodeLock(unsigned int nodeid)
 {
-    char path[PATH_LEN];
-    return NODE_LOCK(path, nodeid) < 0 ? -1 : PathLock(path, cfg_node_lock_timeout_ms);
+    return lock_named({node_lock, Decimal(nodeid)}, cfg_node_lock_timeout_ms);
 }
 
 void NodeUnlock(unsigned int nodeid)
 {
-    char path[PATH_LEN];
-    if (NODE_LOCK(path, nodeid) == 0)
-        PathUnlock(path);
+    unlock_named({node_lock, Decimal(nodeid)});
 }
 
 int NodeLockStr(const char *nodeuuid)
 {
-    char path[PATH_LEN];
-    return NODE_LOCK_STR(path, nodeuuid) < 0 ? -1 : PathLock(path, cfg_node_lock_timeout_ms);
+    return lock_named({node_lock, nodeuuid}, cfg_node_lock_timeout_ms);
 }
 
 void NodeUnlockStr(const char *nodeuuid)
 {
-    char path[PATH_LEN];
-    if (NODE_LOCK_STR(path, nodeuuid) == 0)
-        PathUnlock(path);
+    unlock_named({node_lock, nodeuuid});
 }
 
 int DatastoreLock(const struct DatastoreEntry *dse)
 {
-    char path[PATH_LEN];
-    return DATASTORE_LOCK(path, dse) < 0 ? -1 : PathLock(path, cfg_datastore_lock_timeout_ms);
+    return lock_named({datastore_lock, uuid_view(dse->uuid)}, cfg_datastore_lock_timeout_ms);
 }
 
 void DatastoreUnlock(const struct DatastoreEntry *dse)
 {
-    char path[PATH_LEN];
-    if (DATASTORE_LOCK(path, dse) == 0)
-        PathUnlock(path);
+    unlock_named({datastore_lock, uuid_view(dse->uuid)});
 }
 
 int DatastoreLockStr(const char *dsuuid)
 {
-    char path[PATH_LEN];
-    return DATASTORE_LOCK_STR(path, dsuuid) < 0 ? -1 : PathLock(path, cfg_datastore_lock_timeout_ms);
+    return lock_named({datastore_lock, dsuuid}, cfg_datastore_lock_timeout_ms);
 }
 
 void DatastoreUnlockStr(const char *dsuuid)
 {
-    char path[PATH_LEN];
-    if (DATASTORE_LOCK_STR(path, dsuuid) == 0)
-        PathUnlock(path);
+    unlock_named({datastore_lock, dsuuid});
 }
 
 int VDiskLock(const struct VDisk *vdisk)
 {
-    char path[PATH_LEN];
-    return VDISK_LOCK(path, vdisk->vdiskuuid) < 0 ? -1 : PathLock(path, cfg_vdisk_lock_timeout_ms);
+    return lock_named({vdisk_lock, vdisk->vdiskuuid}, cfg_vdisk_lock_timeout_ms);
 }
 
 void VDiskUnlock(const struct VDisk *vdisk)
 {
-    char path[PATH_LEN];
-    if (VDISK_LOCK(path, vdisk->vdiskuuid) == 0)
-        PathUnlock(path);
+    unlock_named({vdisk_lock, vdisk->vdiskuuid});
 }
 
 int ParentLock(const struct VDisk *vdisk)
 {
-    char path[PATH_LEN];
-    return VDISK_LOCK(path, vdisk->parentuuid) < 0 ? -1 : PathLock(path, cfg_vdisk_lock_timeout_ms);
+    return lock_named({vdisk_lock, vdisk->parentuuid}, cfg_vdisk_lock_timeout_ms);
 }
 
 void ParentUnlock(const struct VDisk *vdisk)
 {
-    char path[PATH_LEN];
-    if (VDISK_LOCK(path, vdisk->parentuuid) == 0)
-        PathUnlock(path);
+    unlock_named({vdisk_lock, vdisk->parentuuid});
 }

@@ -61,7 +61,7 @@ static int link_nodestatus(const Record &record, const char *nodeuuid)
     if (missing <= 0)
         return missing;
     char target[TARGET_LEN];
-    if (text_format(target, sizeof(target), "../../../../Node/%s/status", nodeuuid) < 0)
+    if (text_join(target, {"../../../../Node/", nodeuuid, "/status"}) < 0)
         return -1;
     return record_symlink(record, "nodestatus", target);
 }
@@ -85,8 +85,8 @@ static int link_in_node(const char *nodeuuid, const char *vdiskuuid, bool load_d
 static int link_datastore(const Record &vdisk_record, const char *vdiskuuid, const char *dsuuid)
 {
     char target[TARGET_LEN];
-    if (text_format(target, sizeof(target), "../../Datastore/%s", dsuuid) < 0 ||
-        record_symlink(vdisk_record, "datastore", target) < 0 || DatastoreLockStr(dsuuid) < 0)
+    if (text_join(target, {"../../Datastore/", dsuuid}) < 0 || record_symlink(vdisk_record, "datastore", target) < 0 ||
+        DatastoreLockStr(dsuuid) < 0)
         return -1;
     int result = DatastoreUpdate_RefVDisk(dsuuid, vdiskuuid);
     DatastoreUnlockStr(dsuuid);
@@ -120,8 +120,7 @@ int MemberinfoDelete(struct VDisk *vdisk, const char *nodeuuid)
     log_info("Update VDisk %s delete Member %s", vdisk->vdiskuuid, nodeuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk/%s/memberinfo/%s", cfg_work_directory, vdisk->vdiskuuid, nodeuuid) <
-            0 ||
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdisk->vdiskuuid, "/memberinfo/", nodeuuid}) < 0 ||
         path_remove_tree(__func__, path) != 0)
         return -1;
     return NodeUpdate_UnrefVDisk(nodeuuid, vdisk->vdiskuuid);
@@ -137,7 +136,7 @@ static int ref_vdisk(const char *op, const char *path, const char *vdiskuuid)
     if (missing <= 0)
         return missing;
     char target[TARGET_LEN];
-    if (text_format(target, sizeof(target), "../../../VDisk/%s", vdiskuuid) < 0)
+    if (text_join(target, {"../../../VDisk/", vdiskuuid}) < 0)
         return -1;
     const Record links = {op, path, "", "", dir.fd};
     return record_symlink(links, vdiskuuid, target);
@@ -148,7 +147,7 @@ int NodeUpdate_RefVDisk(const char *nodeuuid, const char *vdiskuuid)
     log_info("Update Node %s ref VDisk %s", nodeuuid, vdiskuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node/%s/vdisks", cfg_work_directory, nodeuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Node/", nodeuuid, "/vdisks"}) < 0)
         return -1;
     return ref_vdisk(__func__, path, vdiskuuid);
 }
@@ -158,7 +157,7 @@ int DatastoreUpdate_RefVDisk(const char *dsuuid, const char *vdiskuuid)
     log_info("Update Datastore %s ref VDisk %s", dsuuid, vdiskuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Datastore/%s/vdisks", cfg_work_directory, dsuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Datastore/", dsuuid, "/vdisks"}) < 0)
         return -1;
     return ref_vdisk(__func__, path, vdiskuuid);
 }
@@ -166,7 +165,7 @@ int DatastoreUpdate_RefVDisk(const char *dsuuid, const char *vdiskuuid)
 static int unlink_in_node(const char *op, const char *nodeuuid, const char *vdiskuuid)
 {
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node/%s/vdisks/%s", cfg_work_directory, nodeuuid, vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Node/", nodeuuid, "/vdisks/", vdiskuuid}) < 0)
         return -1;
     struct stat st;
     if (lstat(path, &st) < 0) {
@@ -197,7 +196,7 @@ int NodeUpdate_UnrefVDisk(const char *nodeuuid, const char *vdiskuuid)
 int DatastoreUpdate_UnrefVDisk(const char *vdiskuuid)
 {
     char path[PATH_LEN], target[TARGET_LEN] = "";
-    if (text_format(path, sizeof(path), "%s/VDisk/%s/datastore", cfg_work_directory, vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdiskuuid, "/datastore"}) < 0)
         return -1;
     if (readlink(path, target, sizeof(target) - 1) < 0) {
         if (errno == ENOENT)
@@ -211,7 +210,7 @@ int DatastoreUpdate_UnrefVDisk(const char *vdiskuuid)
         return -1;
     }
     const char *dsuuid = slash + 1;
-    if (text_format(path, sizeof(path), "%s/Datastore/%s/vdisks/%s", cfg_work_directory, dsuuid, vdiskuuid) < 0 ||
+    if (text_join(path, {cfg_work_directory, "/Datastore/", dsuuid, "/vdisks/", vdiskuuid}) < 0 ||
         DatastoreLockStr(dsuuid) < 0)
         return -1;
     log_info("Update Datastore %s unref VDisk %s", dsuuid, vdiskuuid);

@@ -1,9 +1,9 @@
 /* The in-memory objects: making, filling, finding and freeing them. */
-#include "mwd/object.h"
+#include "mwd/object_internal.h"
+
 #include "mwd/syslog.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -170,7 +170,7 @@ void MemberInit(struct Member *member, const struct MemberEntry *mbe)
 {
     if (mbe)
         member->mbe.node = mbe->node;
-    snprintf(member->uuid, sizeof(member->uuid), "%u", member->mbe.node);
+    text_join(member->uuid, {Decimal(member->mbe.node)});
 }
 
 void VDiskInit(struct VDisk *vdisk, const struct VDiskEntry *vde)

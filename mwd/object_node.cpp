@@ -15,7 +15,7 @@
 
 static int node_path(char (&path)[PATH_LEN], unsigned int nodeid)
 {
-    return text_format(path, sizeof(path), "%s/Node/%u", cfg_work_directory, nodeid);
+    return text_join(path, {cfg_work_directory, "/Node/", Decimal(nodeid)});
 }
 
 static int store_version(const Record &record, const struct Hdr *hdr)
@@ -79,7 +79,7 @@ int NodeCreate(const struct Hdr *hdr, const char *ipaddr)
     log_info("Create Node %u", hdr->uid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node", cfg_work_directory) < 0 || path_mkdir(__func__, path) < 0 ||
+    if (text_join(path, {cfg_work_directory, "/Node"}) < 0 || path_mkdir(__func__, path) < 0 ||
         node_path(path, hdr->uid) < 0 || path_mkdir(__func__, path) < 0)
         return -1;
     int dirfd = dir_open(path);
@@ -175,7 +175,7 @@ int NodeUpdate_UnrefDatastore(const struct Hdr *hdr)
     log_info("Update Node %u remove datastoremember", hdr->uid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node/%u/datastoremember", cfg_work_directory, hdr->uid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Node/", Decimal(hdr->uid), "/datastoremember"}) < 0)
         return -1;
     log_debug("%s [UNLINK]", path);
     return path_unlink(__func__, path);
@@ -288,7 +288,7 @@ int NodeLoad(struct Node *np)
 int NodeLoad_DSMember(const char *nodeuuid, char *dsuuid, size_t ds_len)
 {
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node/%s", cfg_work_directory, nodeuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/Node/", nodeuuid}) < 0)
         return -1;
     FdGuard dir(dir_open(path));
     if (dir.fd < 0 || entry_missing(dir.fd, "datastoremember") == 1)

@@ -6,20 +6,22 @@
 #include "mwd/syslog.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-int text_format(char *text, size_t size, const char *format, ...)
+int text_join(char *text, size_t size, std::initializer_list<std::string_view> pieces)
 {
-    va_list args;
-    va_start(args, format);
-    int length = vsnprintf(text, size, format, args);
-    va_end(args);
-    return length >= 0 && static_cast<size_t>(length) < size ? 0 : -1;
+    size_t used = 0;
+    for (const std::string_view piece : pieces) {
+        if (piece.size() >= size - used)
+            return -1;
+        memcpy(text + used, piece.data(), piece.size());
+        used += piece.size();
+    }
+    text[used] = '\0';
+    return 0;
 }
 
 static int stored(int result)

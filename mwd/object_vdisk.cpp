@@ -111,8 +111,8 @@ int VDiskCreate(const struct Hdr *hdr, struct VDisk *vdisk)
     rewrite_old_generation(hdr, &vdisk->vde);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk", cfg_work_directory) < 0 || path_mkdir(__func__, path) < 0 ||
-        text_format(path, sizeof(path), "%s/VDisk/%s", cfg_work_directory, vdisk->vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk"}) < 0 || path_mkdir(__func__, path) < 0 ||
+        text_join(path, {cfg_work_directory, "/VDisk/", vdisk->vdiskuuid}) < 0)
         return -1;
 
     log_debug("%s [STAT]", path);

@@ -29,7 +29,7 @@ int VDiskGone(const struct Hdr *hdr, struct VDisk *vdisk)
 
     /* The last member is gone when the directory of the records goes: the file system decides. */
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk/%s/memberinfo", cfg_work_directory, vdisk->vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdisk->vdiskuuid, "/memberinfo"}) < 0)
         return -1;
     int others_left = path_rmdir(__func__, path);
     if (others_left != 0)
@@ -40,7 +40,7 @@ int VDiskGone(const struct Hdr *hdr, struct VDisk *vdisk)
     if (DatastoreUpdate_UnrefVDisk(vdisk->vdiskuuid) < 0)
         return -1;
     log_info("Delete VDisk %s", vdisk->vdiskuuid);
-    if (text_format(path, sizeof(path), "%s/VDisk/%s", cfg_work_directory, vdisk->vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdisk->vdiskuuid}) < 0)
         return -1;
     return path_remove_tree(__func__, path);
 }
@@ -51,7 +51,7 @@ static int link_snapshot(const Record &snapshots, const struct VDisk *vdisk)
     if (missing <= 0)
         return missing;
     char target[TARGET_LEN];
-    if (text_format(target, sizeof(target), "../../../VDisk/%s", vdisk->vdiskuuid) < 0)
+    if (text_join(target, {"../../../VDisk/", vdisk->vdiskuuid}) < 0)
         return -1;
     log_info_as(snapshots.op, "Update VDisk %s ref Snapshot %s", vdisk->parentuuid, vdisk->vdiskuuid);
     return record_symlink(snapshots, vdisk->vdiskuuid, target);
@@ -63,7 +63,7 @@ int ParentUpdate_RefSnapshot(struct VDisk *vdisk)
     log_debug("%s/VDisk/%s [STAT]", cfg_work_directory, vdisk->parentuuid);
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk/%s", cfg_work_directory, vdisk->parentuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdisk->parentuuid}) < 0)
         return -1;
     struct stat st;
     if (lstat(path, &st) < 0) {
@@ -89,8 +89,7 @@ int ParentUpdate_UnrefSnapshot(struct VDisk *vdisk)
 {
     assert(vdisk->vde.snapshot != 0);
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk/%s/snapshots/%s", cfg_work_directory, vdisk->parentuuid,
-                    vdisk->vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdisk->parentuuid, "/snapshots/", vdisk->vdiskuuid}) < 0)
         return -1;
     log_info("Update VDisk %s unref Snapshot %s", vdisk->parentuuid, vdisk->vdiskuuid);
     return path_unlink(__func__, path);

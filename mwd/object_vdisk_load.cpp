@@ -167,7 +167,7 @@ int VDiskLoad(const struct Node *node, struct VDisk *vdisk)
     memset(&vdisk->vde, 0, sizeof(vdisk->vde));
 
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/VDisk/%s", cfg_work_directory, vdisk->vdiskuuid) < 0)
+    if (text_join(path, {cfg_work_directory, "/VDisk/", vdisk->vdiskuuid}) < 0)
         return -1;
     log_debug("%s [OPEN]", path);
     FdGuard vdiskfd(dir_open(path));
@@ -193,7 +193,7 @@ static int attach_vdisk(const char *op, const char *dirpath, const char *name, u
                         struct VDiskTree *vdtp)
 {
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/%s", dirpath, name) < 0) {
+    if (text_join(path, {dirpath, "/", name}) < 0) {
         log_error_as(op, "Path %s/%s too long!!!", dirpath, name);
         return -1;
     }
@@ -246,7 +246,7 @@ static int attach_vdisks(const char *op, const char *path, unsigned int nodeid, 
 int NodeLoad_VDisks(unsigned int nodeid, struct VDiskTree *vdtp)
 {
     char path[PATH_LEN];
-    if (text_format(path, sizeof(path), "%s/Node/%u/vdisks", cfg_work_directory, nodeid) < 0 ||
+    if (text_join(path, {cfg_work_directory, "/Node/", Decimal(nodeid), "/vdisks"}) < 0 ||
         attach_vdisks(__func__, path, nodeid, vdtp) < 0) {
         VDiskTreeFlush(vdtp);
         return -1;
