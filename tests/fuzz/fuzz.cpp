@@ -1,59 +1,52 @@
 /*
  * Fuzz targets: MWD_FUZZ_TARGET names the function that this build feeds. The tree and the locks lie on a private
- * tmpfs, every log line is formatted and dropped, every message sent is taken. After each input no lock and no
- * descriptor may be left. Seeds of datagrams are written into the directory of the first argument.
+ * tmpfs, log lines are formatted and dropped, messages are taken as sent. After each input no lock and no descriptor
+ * may be left. $MWD_STORY is the file of the whole story, which some targets begin with.
  */
 #include "mwd/config.h"
 #include "mwd/controller_internal.h"
 #include "mwd/misc.h"
-#include "tests/sweep/story.h"
 
-#include <algorithm>
 #include <csetjmp>
 #include <cstdarg>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 
+static std::vector<std::string> story;
 static char buf[MSG_LEN_MAX];
-static const std::string *open_text; /* while set, fopen reads it in place of any file, and exit comes back */
-static FILE *open_file;
+static FILE *text; /* while set, it is what fopen opens, and exit comes back */
 static jmp_buf refused;
 
 extern "C" {
 FILE *__real_fopen(const char *path, const char *mode);
 FILE *__wrap_fopen(const char *path, const char *mode)
 {
-    if (!open_text)
-        return __real_fopen(path, mode);
-    return open_file = fmemopen(const_cast<char *>(open_text->data()), open_text->size(), "r");
+    return text ? text : __real_fopen(path, mode);
 }
 int __real_fclose(FILE *file);
 int __wrap_fclose(FILE *file)
 {
-    open_file = nullptr;
-    return __real_fclose(file);
+    return file == text ? 0 : __real_fclose(file);
 }
 [[noreturn]] void __real_exit(int status);
 [[noreturn]] void __wrap_exit(int status)
 {
-    if (!open_text)
+    if (!text)
         __real_exit(status);
     longjmp(refused, status);
 }
 [[gnu::format(printf, 2, 3)]] void __wrap_syslog(int, const char *format, ...)
 {
-    static char line[8192];
     va_list args;
     va_start(args, format);
-    vsnprintf(line, sizeof(line), format, args);
+    vsnprintf(nullptr, 0, format, args);
     va_end(args);
 }
 /* The fence check is taken as run: a real child for each raised generation would leave no time for inputs. */
@@ -73,36 +66,31 @@ ssize_t __wrap_sendto(int, const void *message, size_t len, int, const struct so
 }
 }
 
-/* The datagram ends where its page does and nothing follows, so that any read beyond it faults. */
+/* In a block of its own size, so that the sanitizer sees any read beyond it. */
 static void dispatch(const std::string &datagram)
 {
-    static char *const end = static_cast<char *>(mmap(nullptr, MSG_LEN_MAX + 4096, PROT_READ | PROT_WRITE,
-                                                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) +
-                             MSG_LEN_MAX;
-    mprotect(end, 4096, PROT_NONE);
-    if (datagram.size() < sizeof(Hdr) || datagram.size() > MSG_LEN_MAX)
-        return;
-    void *start = memcpy(end - datagram.size(), datagram.data(), datagram.size());
-    dispatch_datagram(static_cast<Hdr *>(start), datagram.size(), "192.0.2.1");
+    const std::vector<char> copy(datagram.begin(), datagram.end());
+    if (copy.size() >= sizeof(Hdr) && copy.size() <= MSG_LEN_MAX)
+        dispatch_datagram(reinterpret_cast<const Hdr *>(copy.data()), copy.size(), "192.0.2.1");
 }
 
-static void with_text(const std::string &text, void (*read)())
+static void with_text(std::string content, void (*read)())
 {
-    open_text = &text;
+    text = fmemopen(content.data(), content.size(), "r");
     if (setjmp(refused) == 0)
         read();
-    open_text = nullptr;
-    if (open_file)
-        fclose(open_file);
+    __real_fclose(text);
+    text = nullptr;
 }
 
 /* Cuts the next piece off the input: what stands behind its length in two bytes. */
 static std::string cut_piece(std::string *input)
 {
-    size_t length = 0;
-    memcpy(&length, input->data(), std::min<size_t>(input->size(), 2));
-    std::string piece = input->substr(std::min<size_t>(input->size(), 2), length);
-    input->erase(0, 2 + length);
+    uint16_t length = 0;
+    input->copy(reinterpret_cast<char *>(&length), sizeof(length));
+    input->erase(0, sizeof(length));
+    std::string piece = input->substr(0, length);
+    input->erase(0, length);
     return piece;
 }
 
@@ -110,7 +98,7 @@ static std::string cut_piece(std::string *input)
 static void set_up_node()
 {
     for (size_t i = 0; i < 5; i++)
-        dispatch(story()[i]);
+        dispatch(story.at(i));
     with_text("7\n", load_local_nodes);
     with_text("192.0.2.2\n", load_unicast_hosts);
 }
@@ -121,7 +109,7 @@ static void drop_everything()
     HostListFlush(unicast_hosts);
     HostListFlush(multicast_groups);
     rm_fr(cfg_work_directory);
-    mkdir(cfg_work_directory, 0777);
+    fs::create_directory(cfg_work_directory);
 }
 
 [[maybe_unused]] static void fuzz_datagram(std::string input)
@@ -137,7 +125,7 @@ static void drop_everything()
     if (TAILQ_EMPTY(local_nodes))
         set_up_node();
     CtrlConn conn = {};
-    memcpy(conn.buf, input.data(), std::min(input.size(), sizeof(conn.buf) - 1));
+    input.copy(conn.buf, sizeof(conn.buf) - 1);
     handle_ctrl_cmd(&conn, buf, sizeof(buf), -1);
     node_clear(TAILQ_FIRST(local_nodes));
 }
@@ -162,8 +150,7 @@ static void drop_everything()
     drop_everything();
 }
 
-/* Each piece, behind a byte that chooses, is a file's new content or a link's name; then the node publishes and hears
- * its own deletions. */
+/* Each piece, behind a byte that chooses, is a file's content or a link's name; the node publishes, then hears more. */
 [[maybe_unused]] static void fuzz_tree(std::string input)
 {
     set_up_node();
@@ -180,45 +167,27 @@ static void drop_everything()
     }
     send_pings(buf, sizeof(buf), -1);
     for (size_t i = 5; i < 10; i++)
-        dispatch(story()[i]);
+        dispatch(story.at(i));
     drop_everything();
-}
-
-static int next_free_fd()
-{
-    int fd = dup(0);
-    close(fd);
-    return fd;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    int before = next_free_fd();
+    const int lowest_free = dup(0);
+    close(lowest_free);
     MWD_FUZZ_TARGET({reinterpret_cast<const char *>(data), size});
-    if (next_free_fd() != before || std::distance(fs::directory_iterator("/tmp"), {}) != 1)
+    if (dup(0) != lowest_free || std::distance(fs::directory_iterator("/tmp"), {}) != 1)
         abort();
+    close(lowest_free);
     return 0;
 }
 
-/* Each message, the same with every text up to its width, and all in one. */
-static void write_seeds(const std::string &directory)
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    int number = 0;
-    std::ofstream whole(directory + "/whole", std::ios::binary);
-    for (std::string message : story()) {
-        std::string length = {static_cast<char>(message.size() & 0xff), static_cast<char>(message.size() >> 8)};
-        whole << length << message;
-        std::ofstream(directory + "/" + std::to_string(number++), std::ios::binary) << length << message;
-        std::replace(message.begin() + 8, message.end(), '\0', 'x');
-        std::ofstream(directory + "/" + std::to_string(number++), std::ios::binary) << length << message;
-    }
-}
-
-extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
-{
+    std::ifstream file(getenv("MWD_STORY"), std::ios::binary);
+    for (std::string rest(std::istreambuf_iterator<char>(file), {}); !rest.empty();)
+        story.push_back(cut_piece(&rest));
     config_module_setup();
-    if (*argc > 1)
-        write_seeds((*argv)[1]);
     if (unshare(CLONE_NEWNS) < 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0 ||
         mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) < 0 || NodeListAlloc(&local_nodes) < 0 ||
         HostListAlloc(&unicast_hosts) < 0 || HostListAlloc(&multicast_groups) < 0)

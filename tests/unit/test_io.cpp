@@ -1,5 +1,7 @@
 #include "tests/unit/fixture.h"
 
+#include "mwd/syslog.h"
+
 #include <netinet/tcp.h>
 
 static int fds[2], ticks, drains;
@@ -33,7 +35,8 @@ TEST(Io, TransfersGoOnWhereTheyWereCutShortAndEndWithASignal)
     EXPECT_EQ(-1, (fd_blocking(fds[1], 1), buf_tx(fds[1], sent.data(), 5000, -1)));
     EXPECT_EQ(4096, buf_rx(fds[0], got.data(), 4096, 1) + fd_blocking(fds[0], 0));
     next = got.data(), drains = 1;
-    EXPECT_EQ(10000, buf_tx(fds[1], sent.data(), 10000, 1));
+    struct iovec rest = {&sent[5000], 5000};
+    EXPECT_EQ(10000, buf_tx(fds[1], sent.data(), 5000, 1) + iov_tx(fds[1], &rest, 1, 1));
     ualarm(0, 0), drains = 0;
     EXPECT_EQ(0, (fd_close(fds[1]), buf_rx(fds[0], next, static_cast<size_t>(&got[10000] - next) + 1, 1))); /* EOF */
     EXPECT_EQ(sent + "?", got);
@@ -54,4 +57,35 @@ TEST(Io, OptionsReachTheKernel)
     }
     EXPECT_EQ("8 3 4 5 32768 65536 1 11 12 13 ", seen); /* the kernel doubles the buffers */
     EXPECT_TRUE(fd_truncate(file.fd, 5000000000) == 0 && lseek(file.fd, 0, SEEK_END) == 5000000000);
+}
+
+TEST(Io, FailuresNameTheCallAndTheStep)
+{
+    const FdGuard so(socket(AF_INET, SOCK_STREAM, 0)), null(open("/dev/null", O_RDONLY));
+    openlog("io", LOG_PERROR, LOG_USER);
+    testing::internal::CaptureStderr();
+    const struct {
+        int result, expected, error;
+        const char *line;
+    } rows[] = {
+        {so_linger(-1, 1, 7), -1, EBADF, "so_linger(): setsockopt(SO_LINGER, 1, 7)"},
+        {so_timeo(-1, 1, 3), -1, EBADF, "so_timeo(): setsockopt(SO_SNDTIMEO, 3)"},
+        {so_timeo(-1, 0, 4), -1, EBADF, "so_timeo(): setsockopt(SO_RCVTIMEO, 4)"},
+        {so_lowat(-1, 1, 5), -1, EBADF, "so_lowat(): setsockopt(SO_SNDLOWAT, 5)"},
+        {so_lowat(-1, 0, 6), -1, EBADF, "so_lowat(): setsockopt(SO_RCVLOWAT, 6)"},
+        {so_buf(-1, 1, 16), -1, EBADF, "so_buf(): setsockopt(SO_SNDBUF, 16384)"},
+        {so_buf(-1, 0, 32), -1, EBADF, "so_buf(): setsockopt(SO_RCVBUF, 32768)"},
+        {tcp_keepalive(-1, 1, 1, 1), -1, EBADF, "tcp_keepalive(): setsockopt(SO_KEEPALIVE)"},
+        {tcp_keepalive(so.fd, 0, 1, 1), -2, EINVAL, "tcp_keepalive(): setsockopt(TCP_KEEPIDLE)"},
+        {tcp_keepalive(so.fd, 1, 0, 1), -3, EINVAL, "tcp_keepalive(): setsockopt(TCP_KEEPINTVL)"},
+        {tcp_keepalive(so.fd, 1, 1, 0), -4, EINVAL, "tcp_keepalive(): setsockopt(TCP_KEEPCNT)"},
+        {fd_truncate(-1, 5000000000), -1, EBADF, "fd_truncate(): ftruncate(-1, 5000000000)"},
+        {fd_blocking(-1, 0), -1, EBADF, "fd_blocking(): fcntl(F_GETFL)"},
+    };
+    std::string lines;
+    for (const auto &[result, expected, error, line] : rows) {
+        EXPECT_EQ(expected, result) << line;
+        lines += std::string("io: error: ") + line + ": " + strerror(error) + "\n";
+    }
+    EXPECT_EQ(lines, testing::internal::GetCapturedStderr());
 }

@@ -38,3 +38,16 @@ TEST(Tree, HoldsWhatAMapHoldsAfterEveryStep)
         black_height(tree.rbh_root, nullptr);
     }
 }
+
+TEST(Tree, FreesAllThatItHolds)
+{
+    struct VDiskTree *tree = nullptr;
+    ASSERT_EQ(0, VDiskTreeAlloc(&tree));
+    for (const char *name : {"b", "a", "c"}) {
+        struct VDisk *vdisk = nullptr;
+        ASSERT_EQ(0, VDiskAlloc(&vdisk));
+        strcpy(vdisk->vdiskuuid, name);
+        EXPECT_EQ(nullptr, VDiskTree_RB_INSERT(tree, vdisk));
+    }
+    VDiskTreeFree(tree); /* what it leaves, the sanitizers tell */
+}

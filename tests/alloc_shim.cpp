@@ -1,6 +1,4 @@
 /* Preloaded into the daemon: fails one allocation, made by the daemon or by the C library for it, and counts. */
-#include "tests/sweep/story.h"
-
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
@@ -14,6 +12,12 @@ void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *old, size_t size);
 void __libc_free(void *old);
 }
+/* What the test shares with it, in /mnt/alloc. */
+struct Allocations {
+    long countdown; /* how many allocations until one fails; 0 for never */
+    long alive;
+    long own; /* whether the daemon itself asked for the one that failed */
+};
 static Allocations none, *shared = &none;
 static pid_t owner; /* its children share the file */
 
