@@ -89,9 +89,8 @@ def test_what_can_be_read_is_published(host):
     # When all timers are due, and on each of three commands, by what there is not.
     sent = {"none": "DS AUX PING BEAT/SINGLE AUX/DS/GONE AUX", "Node": "///", "links": "BEAT//DS/GONE AUX",
             "Datastore": "AUX PING BEAT/SINGLE AUX//GONE AUX", "membership": "DS AUX PING BEAT//DS/GONE AUX",
-            "v0": "DS AUX BEAT/SINGLE AUX/DS/GONE AUX", "v1": "DS AUX BEAT//DS/GONE AUX",
-            "s1": "DS AUX BEAT/SINGLE AUX/DS/GONE AUX", "space": "DS AUX BEAT//DS/GONE AUX",
-            "way": "DS AUX BEAT/AUX/DS/GONE AUX"}
+            "v0": "DS AUX BEAT/SINGLE AUX/DS/GONE AUX", "s1": "DS AUX BEAT/SINGLE AUX/DS/GONE AUX",
+            "v1": "DS AUX BEAT//DS/GONE AUX", "space": "DS AUX BEAT//DS/GONE AUX", "way": "DS AUX BEAT/AUX/DS/GONE AUX"}
     load, fits, long = "NodeLoad_VDisks(): ", "f" * 233, "f" * 234  # in a path of 255 bytes, and in one of 256
     full = "-VDisk/s1/ -Node/7/vdisks/s1 V/membership=7" + "|7" * 16299  # a PING of 65536 bytes
     stray = "send_pings(): Local node 7 not part of any data store but references vdisks!?"
@@ -133,12 +132,13 @@ def test_what_can_be_read_is_published(host):
         seen = "/".join(re.sub(r":\d+", "", kinds(part)) for part in datagrams)
         lines = ["error: " + line for line in (lines * 2 if lacks == "Node" else lines + stop)]
         assert (edits, told, seen, published[-4:]) == (edits, lines, sent[lacks], SENT_8)
+        assert host.locks() == re.findall("/tmp/(.*):", edits)
     assert "error: send_single_vdisk_ping(): Oversized SINGLE_VDISK_PING from Node 7 VDisk v1" in d.log
     # Plain VDisks come first, and the full generation from version 1.8 on.
     s1 = report(snapshot("s1", "v1"))
     for edits, version, vdisks in [
-            ("V/membership=4294967303|8x M7/frontend=10.0.0.1|1.2.3.4", (2, 1),
-             report(plain("v1"), [7, 8], ["10.0.0.1", "1.2.3.4"]) + s1),
+            ("V/membership=4294967303|8x M7/frontend=10.0.0.1|1.2.3.4|1.1.1.1", (2, 1),
+             report(plain("v1"), [7, 8], ["10.0.0.1", "1.2.3.4", "1.1.1.1"]) + s1),
             ("Node/7/version=v1.8 M7/membership_gen_count=65535", (1, 8), report(plain("v1", 65535)) + s1),
             ("Node/7/version=v1.7 V/membership: M7/frontend: -VDisk/s1/ -Node/7/vdisks/s1", (1, 7),
              report(plain("v1", 0, digits="05"), [], []))]:

@@ -55,8 +55,7 @@ def test_why_it_does_not_start(host):
             ("ctrl_address=here", "tcp_listen(): inet_aton(here): failed"),
             ("pid_file=/mnt/second", "tcp_listen(): bind(127.0.0.1:31337): Address already in use"),
             (groups + '" ,, "', "controller_thread_loop(): Multicast groups missing"),
-            (groups + '"224.1.1.1, 224.1.1.x"', "parse_mcast_groups(): Malformed multicast address: 224.1.1.x"),
-            (groups + "1234567890123456", "parse_mcast_groups(): Malformed multicast address: 1234567890123456"),
+            (groups + '"224.1.1.x, 224.1.1.1"', "parse_mcast_groups(): Malformed multicast address: 224.1.1.x"),
             (groups + "10.1.1.1", "add_mcast_membership(): setsockopt(IP_ADD_MEMBERSHIP): Invalid argument")]:
         status, err = host.run(f"{BASE_CONFIG}{line}\n")
         assert (line, status, err.splitlines()[-1]) == (line, 1, "error: " + last)
@@ -65,7 +64,8 @@ def test_why_it_does_not_start(host):
     for options, err, *faults in [
             ("-C /none -x", usage), ("-h", usage), ("-C", usage), ("-C /mnt", load + "Error reading config"),
             ("-dC/mnt/mwd.conf", "error: get_interface_addr(): ioctl(SIOCGIFADDR): No such device"),
-            ("-C/mnt/mwd.conf", "error: daemon(): Resource temporarily unavailable", "-einject=clone:error=EAGAIN"),
+            ("-C/mnt/mwd.conf", "error: daemon(): Resource temporarily unavailable", "-einject=clone:error=EAGAIN",
+             "-einject=fsync:signal=KILL"),  # it does not come to its PID file
             ("-d", load + "fopen(/marblewell/etc/mwd.conf): Permission denied",
              "-P/marblewell/etc/mwd.conf", "-einject=openat:error=EACCES")]:
         config = BASE_CONFIG + "bind_interface=none0\nsyslog_priority=err\n"
@@ -123,9 +123,9 @@ def test_each_table_is_kept_or_replaced_whole(host):
             ("local_nodes", "", []), ("local_nodes", f"9{pad}\n4294967303\n9\n", ["[1/3] 9", "[2/3] 7", "[3/3] 9"]),
             ("local_nodes", "# c\n\n", []), ("unicast_hosts", "127.1\n#\n127.0.0.2\n", hosts),
             *[("unicast_hosts", f"10.0.0.1\n{text}\n", hosts + ["Malformed unicast address: " + text])
-              for text in ("here", "123.123.123.1234")],
+              for text in ("here", "001.002.003.0004")],
             ("unicast_hosts", "10.0.0.1", hosts + ["Malformed file /mnt/unicast_hosts"]),
-            ("unicast_hosts", "1.2.3.4\n", ["[1/1] 1.2.3.4"])]:
+            ("unicast_hosts", "001.002.003.004\n", ["[1/1] 001.002.003.004"])]:
         host.write("/mnt/" + table, content)
         d.reload()
         told = d.step(f"notice: dump_{table}(): ") + d.step(f"error: load_{table}(): ")
@@ -133,7 +133,7 @@ def test_each_table_is_kept_or_replaced_whole(host):
     host.remove("/mnt/unicast_hosts")
     assert d.reload()[1:] == ["notice: load_unicast_hosts(): Loading /mnt/unicast_hosts",
                               "error: load_unicast_hosts(): fopen(/mnt/unicast_hosts): ENOENT",
-                              "notice: dump_unicast_hosts(): [1/1] 1.2.3.4"]
+                              "notice: dump_unicast_hosts(): [1/1] 001.002.003.004"]
 
 
 def test_every_received_record_is_dumped(host):
