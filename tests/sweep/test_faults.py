@@ -82,6 +82,8 @@ def case(host, request):
         host.put(LOCAL)
         own = len(host.daemons)
         yield expected, published
+        links = [host.path("/mnt/DB/" + name) for name, value in host.tree().items() if "/VDisk/" in value]
+        assert all(link.exists() for link in links), "a VDisk that went before a link to it"
         for lock in host.locks():  # as an operator does
             host.remove("/tmp/" + lock)
         daemon = host.daemons[-1] if host.daemons[-1].process.returncode is None else start(host)
