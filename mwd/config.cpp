@@ -6,9 +6,11 @@
 #include <cassert>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <regex.h>
 #include <strings.h>
 
@@ -139,44 +141,48 @@ void config_module_setup()
     config_module_initialized = 1;
 }
 
-[[noreturn]] static void refuse_text(const char *key, const char *value)
+/* Why a line is refused. Returns -1. */
+[[gnu::format(printf, 2, 3)]] static int refuse(char (&fault)[CONFIG_FAULT_LEN], const char *format, ...)
 {
-    fprintf(stderr, "error: config_load(): Incorrect %s value: `%s'\n", key, value);
-    exit(1);
+    va_list args;
+    va_start(args, format);
+    vsnprintf(fault, sizeof(fault), format, args);
+    va_end(args);
+    return -1;
 }
 
-static int value_of_name(const ConfigKey &key, const char *value)
+static int apply_name(const ConfigKey &key, const char *value, char (&fault)[CONFIG_FAULT_LEN])
 {
     for (const CODE *code = key.names; code->c_name; code++)
-        if (strcasecmp(code->c_name, value) == 0)
-            return code->c_val;
-    refuse_text(key.key, value);
+        if (strcasecmp(code->c_name, value) == 0) {
+            *key.integer = code->c_val;
+            return 0;
+        }
+    return refuse(fault, "Incorrect %s value: `%s'", key.key, value);
 }
 
 /* Reads like atoi: any text is a number, and one that is out of `int` is cut to its low bits first. */
-static int value_of_integer(const ConfigKey &key, const char *value)
+static int apply_integer(const ConfigKey &key, const char *value, char (&fault)[CONFIG_FAULT_LEN])
 {
     int number = static_cast<int>(strtol(value, nullptr, 10));
-    if (number < key.min || number > key.max) {
-        fprintf(stderr, "error: config_load(): Incorrect %s value: %d\n", key.key, number);
-        exit(1);
-    }
-    return number;
+    if (number < key.min || number > key.max)
+        return refuse(fault, "Incorrect %s value: %d", key.key, number);
+    *key.integer = number;
+    return 0;
 }
 
-static void apply_value(const ConfigKey &key, const char *value)
+static int apply_value(const ConfigKey &key, const char *value, char (&fault)[CONFIG_FAULT_LEN])
 {
-    if (key.string) {
-        if (key.string_max && strlen(value) > key.string_max)
-            refuse_text(key.key, value);
+    int result = 0;
+    if (key.names)
+        result = apply_name(key, value, fault);
+    else if (key.integer)
+        result = apply_integer(key, value, fault);
+    else if (key.string_max && strlen(value) > key.string_max)
+        result = refuse(fault, "Incorrect %s value: `%s'", key.key, value);
+    else
         replace_string("config_load", key.string, value);
-    } else if (key.names) {
-        *key.integer = value_of_name(key, value);
-    } else {
-        *key.integer = value_of_integer(key, value);
-    }
-    if (key.reopens_log)
-        syslog_module_setup();
+    return result == 0 && key.reopens_log ? 1 : result;
 }
 
 /*
@@ -194,27 +200,37 @@ static bool line_fits(const regex_t *preg, const char *pattern, const char *line
     exit(1);
 }
 
-static void apply_line(char *line)
+int config_next_line(FILE *file, char (&line)[CONFIG_LINE_LEN], char (&fault)[CONFIG_FAULT_LEN])
 {
+    if (!fgets(line, sizeof(line), file))
+        return ferror(file) ? refuse(fault, "Error reading config") : 0;
+    char *newline = strchr(line, '\n');
+    if (!newline)
+        return refuse(fault, "Config line too long");
+    *newline = '\0';
+    return 1;
+}
+
+int config_apply_line(char *line, const char **key, char (&fault)[CONFIG_FAULT_LEN])
+{
+    *key = nullptr;
     if (line_fits(&preg_comment, patt_comment, line, 0, nullptr))
-        return;
+        return 0;
 
     regmatch_t match[3];
-    if (!line_fits(&preg_quoted, patt_quoted, line, 3, match) &&
-        !line_fits(&preg_keyval, patt_keyval, line, 3, match)) {
-        fprintf(stderr, "error: config_load(): Broken config line `%s'\n", line);
-        exit(1);
-    }
-    const char *key = line + match[1].rm_so;
+    if (!line_fits(&preg_quoted, patt_quoted, line, 3, match) && !line_fits(&preg_keyval, patt_keyval, line, 3, match))
+        return refuse(fault, "Broken config line `%s'", line);
+    const char *name = line + match[1].rm_so;
     const char *value = line + match[2].rm_so;
     line[match[1].rm_eo] = '\0';
     line[match[2].rm_eo] = '\0';
 
     for (const ConfigKey &known : config_keys)
-        if (strcmp(known.key, key) == 0)
-            return apply_value(known, value);
-    fprintf(stderr, "error: config_load(): Unknown config option `%s'\n", key);
-    exit(1);
+        if (strcmp(known.key, name) == 0) {
+            *key = known.key;
+            return apply_value(known, value, fault);
+        }
+    return refuse(fault, "Unknown config option `%s'", name);
 }
 
 void config_load()
@@ -224,21 +240,19 @@ void config_load()
         fprintf(stderr, "error: %s(): fopen(%s): %s\n", __func__, opt_config, strerror(errno));
         exit(1);
     }
-    char line[1024];
-    while (fgets(line, sizeof(line), file)) {
-        char *newline = strchr(line, '\n');
-        if (!newline) {
-            fclose(file);
-            fprintf(stderr, "error: %s(): Config line too long\n", __func__);
-            exit(1);
-        }
-        *newline = '\0';
-        apply_line(line);
+    char line[CONFIG_LINE_LEN], fault[CONFIG_FAULT_LEN];
+    const char *key;
+    int result;
+    while ((result = config_next_line(file, line, fault)) > 0) {
+        result = config_apply_line(line, &key, fault);
+        if (result < 0)
+            break;
+        if (result > 0)
+            syslog_module_setup();
     }
-    bool failed = ferror(file);
     fclose(file);
-    if (failed) {
-        fprintf(stderr, "error: %s(): Error reading config\n", __func__);
+    if (result < 0) {
+        fprintf(stderr, "error: %s(): %s\n", __func__, fault);
         exit(1);
     }
 }
@@ -249,6 +263,17 @@ static const char *name_of_value(const CODE *names, int value)
     while (names->c_name && names->c_val != value)
         names++;
     return names->c_name;
+}
+
+bool config_value(size_t index, struct ConfigValue *value)
+{
+    if (index >= std::size(config_keys))
+        return false;
+    const ConfigKey &key = config_keys[index];
+    value->key = key.key;
+    value->text = key.string ? *key.string : key.names ? name_of_value(key.names, *key.integer) : nullptr;
+    value->number = key.integer ? *key.integer : 0;
+    return true;
 }
 
 void config_dump()

@@ -7,6 +7,7 @@
 #define MWD_CONFIG_H
 
 #include <cstddef>
+#include <cstdio>
 
 /* The longest work directory: what the deepest path of the tree leaves of a path buffer. */
 constexpr size_t CFG_WORK_DIRECTORY_MAX = 208;
@@ -41,6 +42,30 @@ void config_module_setup();
 
 /* Reads the file opt_config over the defaults. A change of the log's keys takes effect while it is still read. */
 void config_load();
+
+/* A line of the file with its newline and terminator, and a reason that can quote a whole line. */
+constexpr size_t CONFIG_LINE_LEN = 1024;
+constexpr size_t CONFIG_FAULT_LEN = CONFIG_LINE_LEN + 64;
+
+/* Reads up to the next newline and cuts it. Returns 1, 0 at the end of the file, or -1 with the reason in `fault`. */
+int config_next_line(FILE *file, char (&line)[CONFIG_LINE_LEN], char (&fault)[CONFIG_FAULT_LEN]);
+
+/*
+ * Applies one line, which it cuts up, and puts the name of its key into *key: a constant, null if the line names no
+ * known one. Returns 0; 1 if the value calls for syslog_module_setup; or -1 with the reason in `fault` and all values
+ * as they were.
+ */
+int config_apply_line(char *line, const char **key, char (&fault)[CONFIG_FAULT_LEN]);
+
+/* A value in force: its text, or its number where `text` is null. Names of the log's numbers are texts. */
+struct ConfigValue {
+    const char *key;
+    const char *text;
+    int number;
+};
+
+/* The values in force, in the order of config_dump, from index 0 on. False behind the last. */
+bool config_value(size_t index, struct ConfigValue *value);
 
 /* Writes all values in one line to the log, at level info, with neither level word nor function name. */
 void config_dump();

@@ -3,6 +3,7 @@
 
 #include "mwd/config.h"
 #include "mwd/syslog.h"
+#include "mwd/table.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -20,29 +21,21 @@ static FILE *table_open(const char *op, const char *path)
     return file;
 }
 
-/* Reads up to the next line that says something, without its newline. Returns 1, 0 at the end of the file, or -1. */
-static int table_next_line(const char *op, const char *path, FILE *file, char (&ln)[256])
+/* As table_next_line, with a line for a failure. Returns 1, 0 at the end of the file, or -1. */
+static int next_line(const char *op, const char *path, FILE *file, char (&line)[TABLE_LINE_LEN])
 {
-    while (fgets(ln, sizeof(ln), file)) {
-        char *newline = strchr(ln, '\n');
-        if (!newline) {
-            log_error_as(op, "Malformed file %s", path);
-            return -1;
-        }
-        *newline = '\0';
-        if (ln[0] != '\0' && ln[0] != '#')
-            return 1;
-    }
-    if (ferror(file)) {
+    size_t lineno = 0;
+    int result = table_next_line(file, line, &lineno);
+    if (result == -1)
+        log_error_as(op, "Malformed file %s", path);
+    else if (result < 0)
         log_error_as(op, "Error reading %s", path);
-        return -1;
-    }
-    return 0;
+    return result < 0 ? -1 : result;
 }
 
 static int add_local_node(const char *op, struct NodeList *nodes, const char *ln)
 {
-    auto nodeid = static_cast<uint32_t>(strtoul(ln, nullptr, 10));
+    uint32_t nodeid = table_node(ln);
     if (nodeid == 0) {
         log_error_as(op, "Malformed file %s", cfg_local_nodes);
         return -1;
@@ -64,9 +57,9 @@ void load_local_nodes()
         return;
     struct NodeList *tmp_local_nodes = nullptr;
     int result = NodeListAlloc(&tmp_local_nodes) < 0 ? -1 : 1;
-    char ln[256];
+    char ln[TABLE_LINE_LEN];
     while (result > 0) {
-        result = table_next_line(__func__, cfg_local_nodes, file, ln);
+        result = next_line(__func__, cfg_local_nodes, file, ln);
         if (result > 0 && add_local_node(__func__, tmp_local_nodes, ln) < 0)
             result = -1;
     }
@@ -92,15 +85,9 @@ void dump_local_nodes()
 /* Fills the host from the address `text`. Returns 0, or -1 if that is too long or no address. */
 static int host_parse(struct Host *host, const char *text)
 {
-    size_t length = strlen(text);
-    if (length >= sizeof(host->ipaddr))
+    if (table_host(text, static_cast<uint16_t>(cfg_bind_port), &host->sa) < 0)
         return -1;
-    memcpy(host->ipaddr, text, length + 1);
-    host->sa = {};
-    host->sa.sin_family = AF_INET;
-    if (inet_aton(host->ipaddr, &host->sa.sin_addr) == 0)
-        return -1;
-    host->sa.sin_port = htons(static_cast<uint16_t>(cfg_bind_port));
+    memcpy(host->ipaddr, text, strlen(text) + 1);
     return 0;
 }
 
@@ -127,9 +114,9 @@ void load_unicast_hosts()
         return;
     struct HostList *tmp_unicast_hosts = nullptr;
     int result = HostListAlloc(&tmp_unicast_hosts) < 0 ? -1 : 1;
-    char ln[256];
+    char ln[TABLE_LINE_LEN];
     while (result > 0) {
-        result = table_next_line(__func__, cfg_unicast_hosts, file, ln);
+        result = next_line(__func__, cfg_unicast_hosts, file, ln);
         if (result > 0 && add_host(__func__, tmp_unicast_hosts, ln, "unicast", "UNICAST_HOST") < 0)
             result = -1;
     }
