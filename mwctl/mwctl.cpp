@@ -1,0 +1,55 @@
+/* The command line. */
+#include "mwctl/command.h"
+#include "mwctl/failure.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+using namespace mwctl;
+
+static constexpr Adder commands[] = {add_config};
+
+static int run(int argc, char **argv)
+{
+    CLI::App app("Sees, checks, mends and changes what the metadata daemon mwd of this host keeps.", "mwctl");
+    Options options;
+    int status = STATUS_DONE;
+    app.set_version_flag("--version", "mwctl " MWD_VERSION);
+    app.add_option("-C", options.config, "The daemon's configuration")->type_name("FILE");
+    app.add_flag("--json", options.json, "One JSON document instead of text");
+    app.add_option("--color", options.color, "auto, always or never")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->type_name("WHEN");
+    app.require_subcommand(0, 1);
+    app.footer("mwctl alone prints `status`. See mwctl(8).");
+    for (Adder add : commands)
+        add(app, options, status);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success &success) { /* --help, --version */
+        app.exit(success);
+        return STATUS_DONE;
+    } catch (const CLI::ParseError &error) {
+        app.exit(error);
+        return STATUS_USAGE;
+    }
+    return status;
+}
+
+int main(int argc, char **argv)
+{
+    signal(SIGPIPE, SIG_DFL);
+    try {
+        return run(argc, argv);
+    } catch (const Failure &failure) {
+        fprintf(stderr, "mwctl: %s\n", printable(failure.what()).c_str());
+        return failure.status;
+    } catch (const std::exception &error) {
+        fprintf(stderr, "mwctl: %s\n", printable(error.what()).c_str());
+        return STATUS_IMPOSSIBLE;
+    }
+}
