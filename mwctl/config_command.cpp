@@ -6,7 +6,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-namespace mwctl {
+namespace mwctl
+{
 
 static void print_text(const Settings &settings, const Style &style)
 {

@@ -1,0 +1,44 @@
+/* Renderings that several commands share: records, locks and troubles as JSON, and troubles for people. */
+#ifndef MWCTL_RENDER_H
+#define MWCTL_RENDER_H
+
+#include "mwctl/cluster.h"
+#include "mwctl/text.h"
+#include "mwctl/trouble.h"
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace mwctl
+{
+
+using Json = nlohmann::ordered_json;
+
+/* A record as a document: its own keys, then every attribute that was read under its file's name; null for a faulty
+ * one. */
+Json node_json(const Cluster &cluster, const Node &node);
+Json datastore_json(const Datastore &datastore);
+Json vdisk_json(const VDisk &vdisk);
+Json daemon_json(const Daemon &daemon);
+Json lock_json(const Lock &lock);
+Json trouble_json(const Trouble &trouble);
+
+/* A list of documents, made from each element in turn. */
+template <typename List, typename Make> Json json_list(const List &list, Make make)
+{
+    Json result = Json::array();
+    for (const auto &element : list)
+        result.push_back(make(element));
+    return result;
+}
+
+/* The bytes of the PING that the node's VDisks, read whole, come to; nothing if one of them is not there. */
+std::optional<size_t> ping_bytes(const Cluster &cluster, const Node &node);
+
+/* Each trouble as two lines, what is wrong and its `action:`, behind a coloured severity and its code; printable. */
+std::string troubles_text(const std::vector<Trouble> &troubles, const Style &style);
+
+} // namespace mwctl
+
+#endif
