@@ -10,7 +10,10 @@
 
 using namespace mwctl;
 
-static constexpr Adder commands[] = {add_config};
+static constexpr Adder commands[] = {
+    add_config,
+    add_locks,
+};
 
 static int run(int argc, char **argv)
 {
