@@ -1,3 +1,5 @@
+import contextlib
+
 import pytest
 
 pytest.register_assert_rewrite("harness")
@@ -6,10 +8,13 @@ from harness import Host  # noqa: E402
 
 @pytest.fixture
 def make_host():
-    hosts = []
-    yield lambda number=1: hosts.append(Host(number)) or hosts[-1]
-    for host in hosts:
-        host.close()
+    """Makes a host of this number; all are closed at the end."""
+    with contextlib.ExitStack() as hosts:
+        def make(number=1):
+            host = Host(number)
+            hosts.callback(host.close)
+            return host
+        yield make
 
 
 @pytest.fixture

@@ -1,26 +1,47 @@
-"""Hosts (a network and a mount namespace each) and real daemons in them.
+"""Hosts made of namespaces, and real programs in them.
 
-A host's files are below /mnt: the daemon mwd, mwd.conf, the tree in DB, both tables, and what a test puts there; /dev
-holds null and what a test binds there, /tmp the locks. The program that is tested is $MWD_BUILD/mwd."""
+    def test_a_peer_appears(host):                           # the fixtures host and make_host are in conftest.py
+        host.plant(node_record(7, "ds1"))                    # the tree, as another program of the host leaves it
+        host.write("/mnt/local_nodes", "7\\n")
+        daemon = host.daemon("ping_interval = 90\\n")         # runs; its end is checked when the test ends
+        loud = daemon.deliver(aux_ping(8))                   # as a peer; returns all lines above info
+        assert "Node/8" in host.tree() and loud == []
+        listing = host.run("/bin/ls", "/mnt/DB/Node")        # any other program of the host
+
+A host has a network, a /tmp and a /mnt of its own. Below /mnt are the programs, mwd.conf, both tables, the tree in DB,
+and what a test puts there; /tmp has the path locks; /dev has null and what a test binds there. Hosts share nothing, so
+tests may run side by side. The programs that are tested come from the build directory $MWD_BUILD.
+
+Nothing here sleeps for a time: each wait is for a condition and has a deadline."""
+import contextlib
 import ctypes
+import dataclasses
+import fcntl
 import os
 import pathlib
+import pty
 import re
+import select
 import shutil
 import signal
 import socket
+import stat
 import subprocess
+import termios
 import time
 
-from records import diff, edit
+import pytest
+
+from messages import HEADER, Datagram
+from trees import DEVICE, DIRECTORY, FIFO, GONE, SOCKET, Link, changed, difference
 
 BUILD = pathlib.Path(os.environ["MWD_BUILD"])
 os.environ.setdefault("ASAN_OPTIONS", "verify_asan_link_order=0")  # of daemons with a library preloaded
 DEADLINE = 60  # seconds that a daemon may be silent, or a wait may last
-TOO_SHORT = "error: controller_thread_loop(): Malformed packet? #1"
+TREE = "/mnt/DB"
 MAKE_HOST = ("ip link set lo up && mount -t tmpfs mnt /mnt && mkdir /mnt/dev && mknod /mnt/dev/null c 1 3 && "
              "mount --bind /mnt/dev /dev && mount -t tmpfs tmp /tmp && echo && exec cat")
-STOPPED_CLOCK = ["env", "LD_PRELOAD=/mnt/clock.so"]  # the time is what Host.set_clock said
+STOPPED_CLOCK = ["env", "LD_PRELOAD=/mnt/stopped_clock.so"]  # before a daemon: its time is what Host.set_clock said
 # Unicast mode on loopback, no timer due, no waiting for locks.
 BASE_CONFIG = """pid_file = /mnt/mwd.pid
 work_directory = /mnt/DB
@@ -36,31 +57,67 @@ node_lock_timeout_ms = 0
 datastore_lock_timeout_ms = 0
 vdisk_lock_timeout_ms = 0
 """
+# A datagram too short for a header changes nothing and brings this line: a test then knows that all before is handled.
+MARK, MARK_LINE = b"?", "error: controller_thread_loop(): Malformed packet? #1"
+
+
+def wait_until(condition, what):
+    """Looks again and again, until the condition holds. Returns its value."""
+    deadline = time.monotonic() + DEADLINE
+    while not (value := condition()):
+        assert time.monotonic() < deadline, f"did not come: {what}"
+        time.sleep(0.005)
+    return value
 
 
 def strace(*options):
-    """What may stand in front of the daemon's command line; its trace is /mnt/strace."""
+    """What may stand before a daemon; its trace is /mnt/strace."""
     return ["strace", "-D", "-qq", "-E", "ASAN_OPTIONS=detect_leaks=0", "-o", "/mnt/strace", *options]
 
 
-def kinds(datagrams):
-    names = {4: "PING", 16: "DS", 32: "BEAT", 33: "SINGLE", 34: "GONE", 35: "AUX"}
-    return " ".join(f"{names[datagram[2]]}:{len(datagram)}" for datagram in datagrams)
+def no_such_file(path):
+    """The line of the daemon that could not open this path below the work directory."""
+    return f"error: fd_open(): open({TREE}/{path}): No such file or directory"
+
+
+def nothing_in_record(name):
+    """The line of the daemon that could not open a record's entry of this name."""
+    return f"error: fd_openat(): openat({name}): No such file or directory"
+
+
+@dataclasses.dataclass
+class Case:
+    """A message that arrives at a host with a known tree."""
+    name: str  # what is the matter, or what a daemon with the fault in question would do
+    planted: dict  # changes of the base tree that stand before the message comes
+    sent: Datagram
+    expected: dict  # changes that the message makes in the tree so planted
+    log: list = dataclasses.field(default_factory=list)  # lines above info, all of them
+
+    def failure(self, log, differences):
+        """All that a reader needs to know of a case that went wrong, or nothing if it did not."""
+        if not differences and log == self.log:
+            return ""
+        rows = [("planted", [f"{path}: {value!r}" for path, value in self.planted.items()]),
+                ("sent", [repr(self.sent)]),
+                ("expected", [f"{path}: {value!r}" for path, value in self.expected.items()]),
+                ("differs", differences), ("log expected", self.log), ("log found", log)]
+        return self.name + "".join(f"\n  {title + ':':14}{line}" for title, lines in rows for line in lines or ["none"])
 
 
 class Host:
     def __init__(self, number=1):
-        self.number = number  # the last part of its address on a wire
+        self.number = number  # the last part of its address on a cable
         self.daemons = []
         self.holder = subprocess.Popen(["unshare", "-nm", "/bin/sh", "-c", MAKE_HOST],
                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)  # keeps the namespaces
         assert self.holder.stdout.readline(), "a host that cannot be made"
-        shutil.copy(BUILD / "mwd", self.path("/mnt/mwd"))
-        shutil.copy(BUILD / "tests/stopped_clock.so", self.path("/mnt/clock.so"))
+        self.install("mwd")
+        self.install("tests/stopped_clock.so")
         self.write("/mnt/local_nodes", "")
         self.write("/mnt/unicast_hosts", "127.0.0.2\n")
         self.set_clock(0)
-        self.peer = self.socket(socket.SOCK_DGRAM, "127.0.0.2", 8000)
+        self.peer = self.udp_socket("127.0.0.2")  # the peer that a test plays: sends, and hears what is published
 
     def close(self):
         try:
@@ -70,215 +127,343 @@ class Host:
             self.peer.close()
             self.holder.communicate()
 
+    # ---- Files -----------------------------------------------------------------------------------------------------
+
     def path(self, inside):
+        """Where the test finds what the host calls so."""
         return pathlib.Path(f"/proc/{self.holder.pid}/root{inside}")
 
     def read(self, inside):
         return self.path(inside).read_text(errors="surrogateescape")
 
-    def write(self, inside, content):
+    def write(self, inside, content, mode=None):
         if isinstance(content, str):
             content = content.encode(errors="surrogateescape")
         self.path(inside).write_bytes(content)
+        if mode is not None:
+            self.path(inside).chmod(mode)
 
     def remove(self, inside):
         path = self.path(inside)
         assert inside.startswith(("/mnt/", "/tmp/"))
         shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink(missing_ok=True)
 
-    def put(self, tree):
-        """As all of the tree and the locks."""
-        self.remove("/mnt/DB")
-        self.path("/mnt/DB").mkdir()
+    def install(self, program):
+        """Copies a file of the build to /mnt, under the last part of its name."""
+        shutil.copy(BUILD / program, self.path("/mnt/" + os.path.basename(program)))
+
+    def set_clock(self, seconds):
+        """What time it is for daemons that were started with STOPPED_CLOCK, running ones too."""
+        with open(os.open(self.path("/mnt/clock"), os.O_WRONLY | os.O_CREAT), "wb") as clock:  # daemons have it mapped
+            clock.write(seconds.to_bytes(8, "little"))
+
+    # ---- The tree, in the form of trees.py -------------------------------------------------------------------------
+
+    def plant(self, tree):
+        """Makes this all of the tree and the locks."""
+        self.remove(TREE)
+        self.path(TREE).mkdir()
         for lock in self.locks():
             self.remove("/tmp/" + lock)
         self.add(tree)
 
-    def add(self, tree):
-        for name, value in tree.items():
-            inside = name if name.startswith("/") else "/mnt/DB/" + name
-            if value == "/":
-                self.path(inside).mkdir(parents=True, exist_ok=True)
-            elif value.startswith("-> "):
-                self.path(inside).parent.mkdir(parents=True, exist_ok=True)
-                self.path(inside).symlink_to(value[3:])
+    def add(self, changes):
+        """Writes these changes into the tree as it stands, as another program of the host does."""
+        for name, value in changed({}, changes).items():
+            inside = name if name.startswith("/") else f"{TREE}/{name}"
+            path = self.path(inside)
+            if value is DIRECTORY:
+                path.mkdir(exist_ok=True)
+            elif value is FIFO:
+                os.mkfifo(path)
+            elif value is DEVICE:
+                os.mknod(path, stat.S_IFCHR | 0o600, os.makedev(1, 3))
+            elif value is SOCKET:
+                with contextlib.chdir(path.parent), socket.socket(socket.AF_UNIX) as listener:
+                    listener.bind(path.name)
+            elif isinstance(value, Link):
+                path.unlink(missing_ok=True)
+                path.symlink_to(value.target)
             else:
-                self.write(inside, value)
+                now = name.endswith("/lastping") and value == "now\n"
+                self.write(inside, f"{int(time.time())}\n" if now else value)
+
+    def change(self, changes):
+        """As add, where GONE takes away what is there."""
+        for name, value in changes.items():
+            if value is GONE:
+                self.remove(f"{TREE}/{name}")
+        self.add({name: value for name, value in changes.items() if value is not GONE})
 
     def tree(self):
-        """The tree and the locks; a "lastping" of this hour reads "now"."""
+        """The tree and the locks. A lastping of this hour reads "now"."""
         tree = {"/tmp/" + lock: self.read("/tmp/" + lock) for lock in self.locks()}
-        root = str(self.path("/mnt/DB"))
+        root = str(self.path(TREE))
         for directory, subdirectories, files in os.walk(root):
             for entry in subdirectories + files:
                 path = os.path.join(directory, entry)
-                name = path[len(root) + 1:]
-                if os.path.islink(path):
-                    tree[name] = "-> " + os.readlink(path)
-                elif os.path.isdir(path):
-                    tree[name + "/"] = "/"
-                else:
-                    tree[name] = value = self.read("/mnt/DB/" + name)
-                    if entry == "lastping" and value.strip().isdigit() and abs(int(value) - time.time()) < 3600:
-                        tree[name] = "now\n"
+                tree[path[len(root) + 1:]] = self._content(path)
         return tree
 
+    @staticmethod
+    def _content(path):
+        mode = os.lstat(path).st_mode
+        if stat.S_ISLNK(mode):
+            return Link(os.readlink(path))
+        if not stat.S_ISREG(mode):
+            return {stat.S_IFDIR: DIRECTORY, stat.S_IFIFO: FIFO, stat.S_IFSOCK: SOCKET}.get(stat.S_IFMT(mode), DEVICE)
+        with open(path, errors="surrogateescape") as file:
+            value = file.read()
+        now = path.endswith("/lastping") and value.strip().isdigit() and abs(int(value) - time.time()) < 3600
+        return "now\n" if now else value
+
     def locks(self):
+        """The names of all path locks, and of whatever else lies in /tmp."""
         return sorted(os.listdir(self.path("/tmp")))
 
-    def set_clock(self, seconds):
-        with open(os.open(self.path("/mnt/clock"), os.O_WRONLY | os.O_CREAT), "wb") as clock:  # daemons have it mapped
-            clock.write(seconds.to_bytes(8, "little"))
+    # ---- Programs --------------------------------------------------------------------------------------------------
 
-    def spawn(self, *argv, **options):
-        """A program in the host, which ends when this one does."""
-        return subprocess.Popen(["nsenter", "-t", str(self.holder.pid), "-m", "-n", "setpriv", "--pdeathsig", "KILL",
-                                 *argv], **options)
+    def start(self, *argv, environment=None, **options):
+        """Starts a program in the host's namespaces; it ends when this one does. Options are those of Popen, which is
+        returned: stdin, stdout, stderr, cwd and so on. `environment` is added to the test's own."""
+        enter = ["nsenter", "-t", str(self.holder.pid), "-m", "-n", "setpriv", "--pdeathsig", "KILL"]
+        return subprocess.Popen([*enter, *argv], env=os.environ | (environment or {}), **options)
+
+    def run(self, *argv, typed="", environment=None, timeout=DEADLINE):
+        """Runs a program to its end. Returns its returncode, stdout and stderr; `typed` is its standard input."""
+        program = self.start(*argv, environment=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True, errors="surrogateescape")
+        try:
+            stdout, stderr = program.communicate(typed, timeout=timeout)
+        finally:
+            program.kill()
+        return subprocess.CompletedProcess(argv, program.returncode, stdout, stderr)
 
     def shell(self, command):
-        assert self.spawn("/bin/sh", "-c", command).wait() == 0, command
+        """Runs a command of the shell, which must go well."""
+        done = self.run("/bin/sh", "-c", command)
+        assert done.returncode == 0, f"{command}: {done.stderr}"
+        return done.stdout
 
-    def run(self, config, *options, prefix=()):
-        """Runs the daemon to its end with this configuration and nothing more. Returns its status and stderr."""
+    def terminal(self, *argv, environment=None):
+        """Starts a program on a terminal of its own, where the test types and reads."""
+        return Terminal(self, argv, environment)
+
+    def daemon(self, config="", before=(), options="-dd"):
+        """Starts a daemon with BASE_CONFIG and these lines, behind the words of `before` on its command line."""
+        self.daemons.append(Daemon(self, config, before, options))
+        return self.daemons[-1]
+
+    def run_daemon(self, config, *options, before=()):
+        """Runs a daemon to its end with this configuration and nothing more. Returns its status and its log, without
+        idents and process numbers."""
         self.write("/mnt/mwd.conf", config)
-        daemon = self.spawn(*prefix, "/mnt/mwd", *(options or ["-ddC/mnt/mwd.conf"]), stderr=subprocess.PIPE)
-        err = daemon.communicate(timeout=DEADLINE)[1].decode(errors="surrogateescape")
-        return daemon.returncode, re.sub(r"^.*?\[\d+\]: ", "", err, flags=re.M)
+        done = self.run(*before, "/mnt/mwd", *(options or ["-ddC/mnt/mwd.conf"]))
+        return done.returncode, re.sub(r"^.*?\[\d+\]: ", "", done.stderr, flags=re.M)
 
-    def socket(self, kind, address, port):
-        """A socket in the host's network: UDP bound to the address, or TCP connected to it."""
+    # ---- Network ---------------------------------------------------------------------------------------------------
+
+    def _socket(self, kind):
+        """A socket in the host's network."""
         setns = ctypes.CDLL(None).setns
         with open("/proc/self/ns/net") as own, open(f"/proc/{self.holder.pid}/ns/net") as net:
             assert setns(net.fileno(), 0) == 0
             try:
-                so = socket.socket(socket.AF_INET, kind)
+                return socket.socket(socket.AF_INET, kind)
             finally:
                 assert setns(own.fileno(), 0) == 0
+
+    def udp_socket(self, address, port=8000):
+        """Bound to the address, with room for all that a daemon sends at once."""
+        so = self._socket(socket.SOCK_DGRAM)
         so.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         so.setsockopt(socket.SOL_SOCKET, 33, 8 << 20)  # SO_RCVBUFFORCE
-        (so.bind if kind == socket.SOCK_DGRAM else so.connect)((address, port))
+        so.bind((address, port))
         return so
+
+    def tcp_connection(self, address="127.0.0.1", port=31337):
+        """Connected; to the daemon's control port if nothing else is said."""
+        so = self._socket(socket.SOCK_STREAM)
+        so.connect((address, port))
+        return so
+
+    def connect(self, other):
+        """Lays a cable: each host has the address 10.0.0.NUMBER on its eth0."""
+        self.shell(f"ip link add eth0 type veth peer eth0 netns {other.holder.pid}")
+        for host in self, other:
+            host.shell(f"ip addr add 10.0.0.{host.number}/24 dev eth0 && ip link set eth0 up")
+
+
+class Terminal:
+    """A program on a terminal. `output` is all that it wrote so far."""
+
+    def __init__(self, host, argv, environment):
+        self.output = ""
+        self.master, slave = pty.openpty()
+        self.program = host.start(
+            *argv, environment=environment, stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
+            preexec_fn=lambda: fcntl.ioctl(slave, termios.TIOCSCTTY, 0))
+        os.close(slave)
+
+    def type(self, text):
+        """As a person does: \\n is the return key, \\x03 interrupts."""
+        os.write(self.master, text.encode())
+
+    def wait_for(self, text):
+        """Reads until the text stands in the output."""
+        wait_until(lambda: text in self.output or not self._read(), f"{text!r} on the terminal: {self.output!r}")
+        assert text in self.output, f"the program ended without {text!r}: {self.output!r}"
+
+    def end(self):
+        """Reads to the program's end. Returns its status, that of a signal as a negative number."""
+        wait_until(lambda: not self._read(), f"the end of the program: {self.output!r}")
+        os.close(self.master)
+        return self.program.wait(DEADLINE)
+
+    def _read(self):
+        if not select.select([self.master], [], [], 0.1)[0]:
+            return True
+        try:
+            self.output += os.read(self.master, 65536).decode(errors="surrogateescape")
+        except OSError:  # the last one that had the terminal is gone
+            return False
+        return True
 
 
 class Daemon:
-    """A daemon in its foreground. Its end checks its status, its descriptors and the locks."""
+    """A daemon in its foreground. Its end checks its status, its descriptors and the locks. A step of its log is what
+    it wrote between two calls of settle."""
 
-    def __init__(self, host, config="", prefix=(), options="-dd"):
+    def __init__(self, host, config, before, options):
         self.host = host
         self.log = []  # every line so far, without ident and process number
         self.first = self.next = 0  # bounds of the last step in the log
-        self.shorts = self.shorts_seen = 0  # datagrams that are too short for a header
+        self.marks_sent = self.marks_seen = 0
         host.write("/mnt/mwd.conf", BASE_CONFIG + config)
         ours, theirs = socket.socketpair()
         ours.settimeout(DEADLINE)
-        theirs.setsockopt(socket.SOL_SOCKET, 32, 8 << 20)  # SO_SNDBUFFORCE
-        self.process = host.spawn(*prefix, "/mnt/mwd", "-C", "/mnt/mwd.conf", options, stderr=theirs)
+        theirs.setsockopt(socket.SOL_SOCKET, 32, 8 << 20)  # SO_SNDBUFFORCE: it never waits for the test
+        self.process = host.start(*before, "/mnt/mwd", "-C", "/mnt/mwd.conf", options, stderr=theirs)
         self.pid = self.process.pid
         theirs.close()
-        self.err = ours.makefile("r", errors="surrogateescape", newline="\n")
-        host.daemons.append(self)
+        self.stderr = ours.makefile("r", errors="surrogateescape", newline="\n")
         self.wait_for("load_unicast_hosts(): Loading")
-        self.sync()
+        self.settle()
         self.descriptors_at_start = self.descriptors()
 
+    # ---- Its end ---------------------------------------------------------------------------------------------------
+
+    def runs(self):
+        return self.process.returncode is None
+
     def end(self):
-        """Stops it, if it still runs."""
-        if self.process.returncode is None:
-            self.sync()
+        """Stops it, if it still runs, and sees that it leaves nothing behind."""
+        if self.runs():
+            self.settle()
             assert self.descriptors() == self.descriptors_at_start, "a descriptor was not closed"
             assert self.host.locks() == [], "a lock was not released"
             assert self.stop() == 0
             assert self.log[-1] == "notice: controller_module_teardown(): Shutdown sequence finished!"
 
     def stop(self, number=signal.SIGTERM):
+        """Sends the signal and waits for the end. Returns the status."""
         self.process.send_signal(number)
         status = self.process.wait(DEADLINE)
-        while self.pump():
+        while self._read_line():
             pass
         return status
 
-    def pump(self):
+    # ---- Its log ---------------------------------------------------------------------------------------------------
+
+    def _read_line(self):
         """Takes the next line; false at the daemon's end."""
-        line = self.err.readline()
+        line = self.stderr.readline()
         if not line:
             return False
         self.log.append(re.sub(r"^.*?\[\d+\]: ", "", line.rstrip("\n")))
-        self.shorts_seen += self.log[-1] == TOO_SHORT
+        self.marks_seen += self.log[-1] == MARK_LINE
         return True
 
-    def pump_until(self, done, what):
+    def _read_until(self, done, what):
         deadline = time.monotonic() + DEADLINE
         while not done():
-            assert self.pump(), f"a daemon that ended after {self.log[-1:]}, waiting for {what}"
+            assert self._read_line(), f"a daemon that ended after {self.log[-1:]}, waiting for {what}"
             assert time.monotonic() < deadline, f"{what} did not come"
 
     def wait_for(self, text):
-        """In a line since the last sync."""
+        """Until a line of this step holds the text."""
         seen = self.next
 
         def done():
             nonlocal seen
             lines, seen = self.log[seen:], len(self.log)
             return any(text in line for line in lines)
-        self.pump_until(done, text)
+        self._read_until(done, text)
+
+    def settle(self):
+        """Waits until all that was sent is handled: datagrams are taken in order, and the mark is the last of them.
+        Ends the step and returns its lines above info."""
+        self.send(MARK)
+        self._read_until(lambda: self.marks_seen == self.marks_sent, "the handling of all datagrams")
+        self.first, self.next = self.next, len(self.log)
+        return [line for line in self.log[self.first:self.next - 1] if not line.startswith(("debug: ", "info: "))]
+
+    def told(self, begin):
+        """Of the last step's lines that begin so, the rest."""
+        return [line.removeprefix(begin) for line in self.log[self.first:self.next] if line.startswith(begin)]
+
+    # ---- What is done to it ----------------------------------------------------------------------------------------
 
     def send(self, *datagrams):
         for datagram in datagrams:
-            self.shorts += len(datagram) < 207
+            self.marks_sent += len(datagram) < HEADER.size
             self.host.peer.sendto(datagram, ("127.0.0.1", 8000))
 
-    def sync(self):
-        """Waits until all that was sent is handled: datagrams are taken in order, and one that is too short shows in
-        the log and nowhere else. Returns the lines above info since the last call, @ for "/mnt/DB/"."""
-        self.send(b"?")
-        self.pump_until(lambda: self.shorts_seen == self.shorts, "all datagrams")
-        self.first, self.next = self.next, len(self.log)
-        return [line.replace("/mnt/DB/", "@").replace("No such file or directory", "ENOENT")
-                for line in self.log[self.first:self.next - 1] if not line.startswith(("debug: ", "info: "))]
-
-    def step(self, begin):
-        """The lines of the last sync's step that begin so, without that."""
-        return [line.removeprefix(begin) for line in self.log[self.first:self.next] if line.startswith(begin)]
-
-    def apply(self, *datagrams):
+    def deliver(self, *datagrams):
+        """Sends them and waits until they are handled. Returns the lines above info."""
         self.send(*datagrams)
-        return self.sync()
+        return self.settle()
 
-    def check(self, datagram, after, lines=()):
-        assert self.apply(datagram) == list(lines)
-        assert diff(after, self.host.tree()) == []
-
-    def check_each(self, base, cases):
-        """Edits of a tree, a message that then arrives, the edits that it must make, and the lines above info."""
-        for before, datagram, after, lines in cases:
-            self.host.put(edit(base, before))
-            got, wrong = self.apply(datagram), diff(edit(edit(base, before), after), self.host.tree())
-            assert (before, after, got, wrong) == (before, after, lines, [])
-        self.host.put({})
+    def check(self, base, *cases):
+        """Goes through the cases, each with the base tree planted afresh and changed as it says, and fails with all
+        that went wrong."""
+        failures = []
+        for case in cases:
+            planted = changed(base, case.planted)
+            self.host.plant(planted)
+            log = self.deliver(case.sent)
+            failures.append(case.failure(log, difference(changed(planted, case.expected), self.host.tree())))
+        self.host.plant({})
+        if any(failures):
+            pytest.fail("\n" + "\n".join(filter(None, failures)), pytrace=False)
 
     def publish(self):
-        """SIGUSR1 and the pass that it forces."""
+        """SIGUSR1 and the publication that it forces. Returns the lines above info."""
         self.process.send_signal(signal.SIGUSR1)
-        return self.sync()
+        return self.settle()
 
     def reload(self):
-        """SIGHUP and what it reads; a signal just before the loop waits is seen a turn later."""
+        """SIGHUP and the tables that it reads; a signal just before the loop waits is seen a turn later. Returns the
+        lines above info."""
         self.process.send_signal(signal.SIGHUP)
         self.wait_for("load_unicast_hosts(): Loading")
-        return self.sync()
+        return self.settle()
+
+    # ---- What it does ----------------------------------------------------------------------------------------------
 
     def sent(self, so=None):
-        """All that waits at the host's peer, or that socket."""
+        """All datagrams that wait at the host's peer, or at that socket."""
         datagrams = []
-        try:
+        with contextlib.suppress(BlockingIOError):
             while True:
-                datagrams.append((so or self.host.peer).recv(65536, socket.MSG_DONTWAIT))
-        except BlockingIOError:
-            return datagrams
+                datagrams.append(Datagram((so or self.host.peer).recv(65536, socket.MSG_DONTWAIT)))
+        return datagrams
+
+    def sleeps(self):
+        assert self.process.poll() is None, f"a daemon that ended after {self.log[-1:]}"
+        return ") S " in pathlib.Path(f"/proc/{self.pid}/stat").read_text()
 
     def descriptors(self):
-        """Counted while the daemon waits: every log line opens a socket for a moment."""
-        deadline = time.monotonic() + DEADLINE
-        while ") S " not in pathlib.Path(f"/proc/{self.pid}/stat").read_text():
-            assert self.process.poll() is None and time.monotonic() < deadline, f"no daemon that waits: {self.log[-1:]}"
+        """How many are open while the daemon waits: every log line opens a socket for a moment."""
+        wait_until(self.sleeps, f"a daemon that waits: {self.log[-1:]}")
         return len(os.listdir(f"/proc/{self.pid}/fd"))

@@ -12,7 +12,7 @@ import socket
 
 import pytest
 
-from harness import BASE_CONFIG, BUILD, Daemon, strace
+from old_harness import BASE_CONFIG, BUILD, Daemon, strace
 from records import diff
 from story import LOCAL, STORY
 

@@ -5,7 +5,7 @@ import random
 import shutil
 import socket
 
-from harness import Daemon
+from old_harness import Daemon
 from records import datastore_record, diff, edit, node_record, plain, vdisk_record
 
 CHANGES = int(os.environ.get("MWD_LOSSY_CHANGES", 400))

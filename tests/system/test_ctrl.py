@@ -3,7 +3,7 @@ import re
 import resource
 import socket
 
-from harness import STOPPED_CLOCK, Daemon, kinds
+from old_harness import STOPPED_CLOCK, Daemon, kinds
 from records import (DS_PING, HEARTBEAT, PING, SINGLE_VDISK_PING, aux_ping, datastore_record, ds_ping, edit, message,
                      node_record, plain, report, snapshot, vdisk_deleted, vdisk_record)
 

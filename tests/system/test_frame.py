@@ -4,7 +4,7 @@ import os
 import signal
 import socket
 
-from harness import BASE_CONFIG, DEADLINE, STOPPED_CLOCK, Daemon, kinds, strace
+from old_harness import BASE_CONFIG, DEADLINE, STOPPED_CLOCK, Daemon, kinds, strace
 from records import (AUX_PING, DS_PING, HEARTBEAT, PING, SINGLE_VDISK_PING, VDISK_DELETED, ds_ping, message,
                      node_record, plain, report, snapshot)
 

@@ -1,7 +1,7 @@
 """Two hosts on a wire, a daemon on each, and what one tells arriving in the tree of the other."""
 import pytest
 
-from harness import Daemon
+from old_harness import Daemon
 from records import datastore_record, diff, edit, node_record, plain, snapshot, vdisk_record
 
 

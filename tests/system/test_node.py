@@ -3,7 +3,7 @@ import re
 import signal
 import socket
 
-from harness import STOPPED_CLOCK, Daemon, strace
+from old_harness import STOPPED_CLOCK, Daemon, strace
 from records import (AUX_PING, DS_PING, HEARTBEAT, PING, SINGLE_VDISK_PING, aux_ping, datastore_record, diff, ds_ping,
                      edit, message, node_record, plain, report, snapshot, vdisk_deleted, vdisk_record)
 

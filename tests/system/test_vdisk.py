@@ -1,7 +1,7 @@
 """Reports of VDisks: what each may change, what it heals, and how members and VDisks go."""
 import re
 
-from harness import Daemon, kinds
+from old_harness import Daemon, kinds
 from records import (DS_PING, PING, SINGLE_VDISK_PING, datastore_record, ds_ping, edit, message, node_record, plain,
                      report, snapshot, vdisk_deleted, vdisk_record)
 
