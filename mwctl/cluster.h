@@ -37,6 +37,12 @@ struct LinkDirectory {
     std::vector<Link> links;
 };
 
+/* Whether the directory of a record could be read. */
+struct Access {
+    Fault fault = Fault::none; /* or unreadable */
+    std::string reason;        /* of the system */
+};
+
 /* Values in the order of attributes(kind). */
 using Values = std::vector<Value>;
 
@@ -47,6 +53,7 @@ uint64_t number_of(Kind kind, const Values &values, std::string_view key);
 
 struct Node {
     uint32_t uid = 0;
+    Access access;
     Values values;
     LinkDirectory vdisks;
 
@@ -62,6 +69,7 @@ struct Node {
 
 struct Datastore {
     std::string uuid;
+    Access access;
     Values values;
     LinkDirectory members, vdisks;
 
@@ -77,6 +85,7 @@ struct Datastore {
 
 struct Member {
     uint32_t uid = 0;
+    Access access;
     Values values;
     std::string nodestatus; /* target of the link, empty if there is none */
 
@@ -96,6 +105,7 @@ enum class Depth { named, kind, whole };
 struct VDisk {
     std::string uuid;
     Depth depth = Depth::named;
+    Access access;
     Values values; /* at depth `kind` snapshot alone */
     Fault memberinfo = Fault::missing;
     std::string memberinfo_reason;

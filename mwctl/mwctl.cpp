@@ -13,6 +13,7 @@ using namespace mwctl;
 static constexpr Adder commands[] = {
     add_config,
     add_locks,
+    add_check,
 };
 
 static int run(int argc, char **argv)

@@ -40,6 +40,7 @@ static std::optional<Node> read_node(Reader &reader, uint32_t uid)
         return std::nullopt;
     Node node;
     node.uid = uid;
+    node.access = {directory.fault, directory.reason};
     node.values = read_values(directory, Kind::node);
     node.vdisks = read_links(directory.fd.get(), "vdisks", path, reader.strays);
     return node;
@@ -53,6 +54,7 @@ static std::optional<Datastore> read_datastore(Reader &reader, const std::string
         return std::nullopt;
     Datastore datastore;
     datastore.uuid = uuid;
+    datastore.access = {directory.fault, directory.reason};
     datastore.values = read_values(directory, Kind::datastore);
     datastore.members = read_links(directory.fd.get(), "members", path, reader.strays);
     datastore.vdisks = read_links(directory.fd.get(), "vdisks", path, reader.strays);
@@ -75,6 +77,7 @@ static void read_members(VDisk &vdisk, int vdisk_fd, const std::string &path, st
             continue;
         Member member;
         member.uid = *uid;
+        member.access = {directory.fault, directory.reason};
         member.values = read_values(directory, Kind::member);
         if (const Entry *link = directory.find("nodestatus"); link && link->type == 'l')
             member.nodestatus = read_link(directory.fd.get(), "nodestatus").value_or("");
@@ -93,6 +96,7 @@ static std::optional<VDisk> read_whole_vdisk(int root, const std::string &uuid, 
     VDisk vdisk;
     vdisk.uuid = uuid;
     vdisk.depth = Depth::whole;
+    vdisk.access = {directory.fault, directory.reason};
     vdisk.values = read_values(directory, Kind::vdisk);
     struct stat st;
     if (!vdisk.value("transaction_id").missing() && fstatat(directory.fd.get(), "transaction_id", &st, 0) == 0)

@@ -24,7 +24,9 @@ struct Trouble {
     std::string text;   /* one sentence */
     std::string action; /* what to type, or to decide */
     bool repairable = false;
-    std::set<std::string> involved; /* the records that have to be read again before this counts, `record` included */
+    /* The records to read again before this counts, none if it counts at once; and the files of the tree that a writer
+     * at work would have changed between the two readings. */
+    std::set<std::string> involved, witnesses;
 
     /* The same finding, whatever its words. */
     bool same(const Trouble &other) const;
@@ -37,13 +39,13 @@ struct Trouble {
 std::vector<Trouble> find_troubles(const Cluster &cluster);
 
 /*
- * The troubles that stand: those that readings at least 50 ms apart show again while no living process holds the lock
- * of a record involved. Updates `cluster` by what was read again. Takes up to half a second if there is anything to
- * confirm, no time if not.
+ * The troubles that stand: those that readings at least 50 ms apart show alike, from files that nobody wrote meanwhile
+ * and under locks that no living process holds. Updates `cluster` by what was read again. Takes 50 ms, at most about
+ * half a second, if there is anything to confirm, and no time if not.
  */
 std::vector<Trouble> confirmed_troubles(Cluster &cluster);
 
-/* Every code with its severity and what it means in a few words, for help, completion and metrics. */
+/* Every code with its severity, for help, completion and metrics. */
 struct TroubleCode {
     const char *code;
     Severity severity;
