@@ -1,4 +1,4 @@
-/* The loop: set-up, signals, timers, statistics, and the order of the work within one turn. */
+/* The loop: set-up, signals, timers, and the order of the work within one turn. */
 #include "mwd/controller.h"
 #include "mwd/controller_internal.h"
 
@@ -24,14 +24,7 @@ static volatile sig_atomic_t do_exit;
 static volatile sig_atomic_t do_reload = 1;
 static volatile sig_atomic_t force_pings = 1;
 
-long long stats_rx_long[STATS_RX_KINDS], stats_rx_short[STATS_RX_KINDS];
-long long stats_tx_long[STATS_TX_KINDS], stats_tx_short[STATS_TX_KINDS];
-
 static time_t ping_ts, heartbeat_ts, stats_ts;
-
-struct NodeList *local_nodes;
-struct HostList *unicast_hosts;
-struct HostList *multicast_groups;
 
 /* The loop's steps log under its name. */
 static const char loop_op[] = "controller_thread_loop";
@@ -123,36 +116,6 @@ void controller_module_teardown()
     local_nodes = nullptr;
     controller_module_initialized = 0;
     log_notice("Shutdown sequence finished!");
-}
-
-void count_rx(int idx)
-{
-    stats_rx_long[idx]++;
-    stats_rx_short[idx]++;
-}
-
-void count_tx(int idx)
-{
-    stats_tx_long[idx]++;
-    stats_tx_short[idx]++;
-}
-
-/* A pair of counters for "%lld/%lld": since the last lines, and since the start. */
-#define RX_PAIR(idx) stats_rx_short[idx], stats_rx_long[idx]
-#define TX_PAIR(idx) stats_tx_short[idx], stats_tx_long[idx]
-
-static void stats()
-{
-    log_notice("RX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld SV_PING=%lld/%lld "
-               "VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld UNKNOWN=%lld/%lld",
-               RX_PAIR(STATS_ALL), RX_PAIR(STATS_PING), RX_PAIR(STATS_DS_PING), RX_PAIR(STATS_AUX_PING),
-               RX_PAIR(STATS_SV_PING), RX_PAIR(STATS_VDISK_DEL), RX_PAIR(STATS_HEARTBEAT), RX_PAIR(STATS_UNKNOWN));
-    memset(stats_rx_short, 0, sizeof(stats_rx_short));
-    log_notice("TX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld SV_PING=%lld/%lld "
-               "VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld",
-               TX_PAIR(STATS_ALL), TX_PAIR(STATS_PING), TX_PAIR(STATS_DS_PING), TX_PAIR(STATS_AUX_PING),
-               TX_PAIR(STATS_SV_PING), TX_PAIR(STATS_VDISK_DEL), TX_PAIR(STATS_HEARTBEAT));
-    memset(stats_tx_short, 0, sizeof(stats_tx_short));
 }
 
 static void update_fds(fd_set *fds, int *nfdsp, int so, int ctrlso, struct CtrlConnList *cclp)
