@@ -136,7 +136,7 @@ static void write_file(const Word &word, int flags, const string &text)
 static void read_file(const Word &word)
 {
     stat(word.path.c_str(), &st);
-    call(next_fd(), SYS_openat, word.dirfd, word.name, O_RDONLY);
+    call(next_fd(), SYS_openat, word.dirfd, word.name, O_RDONLY | O_NONBLOCK);
     call(st.st_size, SYS_lseek, next_fd(), 0, SEEK_END);
     if (st.st_size > 0) {
         call(0, SYS_lseek, next_fd(), 0, SEEK_SET);
@@ -191,7 +191,7 @@ static void add_calls(const string &verb, const Word &word)
     else if (verb == "mkdir")
         call(-EEXIST, SYS_mkdirat, word.dirfd, word.name, 0777);
     else if (verb == "store")
-        write_file(word, 0, word.text);
+        write_file(word, O_NONBLOCK, word.text);
     else if (verb == "load")
         read_file(word);
     else if (verb == "look" || verb == "lookfor")

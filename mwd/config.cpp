@@ -52,6 +52,7 @@ struct ConfigKey {
     char **string;
     const char *string_default;
     size_t string_max; /* longest value, 0 for any */
+    bool absolute;     /* begins with "/" */
     int *integer;
     int integer_default;
     int min, max;
@@ -61,22 +62,27 @@ struct ConfigKey {
 
 static constexpr ConfigKey string_key(const char *key, char **value, const char *initial, size_t max = 0)
 {
-    return {key, value, initial, max, nullptr, 0, 0, 0, nullptr, false};
+    return {key, value, initial, max, false, nullptr, 0, 0, 0, nullptr, false};
+}
+
+static constexpr ConfigKey root_key(const char *key, char **value, const char *initial, size_t max)
+{
+    return {key, value, initial, max, true, nullptr, 0, 0, 0, nullptr, false};
 }
 
 static constexpr ConfigKey integer_key(const char *key, int *value, int initial, int min, int max)
 {
-    return {key, nullptr, nullptr, 0, value, initial, min, max, nullptr, false};
+    return {key, nullptr, nullptr, 0, false, value, initial, min, max, nullptr, false};
 }
 
 static constexpr ConfigKey name_key(const char *key, int *value, int initial, const CODE *names)
 {
-    return {key, nullptr, nullptr, 0, value, initial, 0, 0, names, true};
+    return {key, nullptr, nullptr, 0, false, value, initial, 0, 0, names, true};
 }
 
 static constexpr ConfigKey log_string_key(const char *key, char **value, const char *initial)
 {
-    return {key, value, initial, 0, nullptr, 0, 0, 0, nullptr, true};
+    return {key, value, initial, 0, false, nullptr, 0, 0, 0, nullptr, true};
 }
 
 /* All keys, in the order in which they are compared and dumped. */
@@ -85,7 +91,7 @@ static const ConfigKey config_keys[] = {
     name_key("syslog_facility", &cfg_syslog_facility, LOG_DAEMON, facilitynames),
     name_key("syslog_priority", &cfg_syslog_priority, LOG_INFO, prioritynames),
     string_key("pid_file", &cfg_pid_file, "/var/run/mwd.pid"),
-    string_key("work_directory", &cfg_work_directory, "/marblewell/DB", CFG_WORK_DIRECTORY_MAX),
+    root_key("work_directory", &cfg_work_directory, "/marblewell/DB", CFG_WORK_DIRECTORY_MAX),
     string_key("local_nodes", &cfg_local_nodes, "/marblewell/local_nodes"),
     integer_key("unicast_mode", &cfg_unicast_mode, 0, 0, INT_MAX),
     string_key("unicast_hosts", &cfg_unicast_hosts, "/marblewell/unicast_hosts"),
@@ -178,7 +184,7 @@ static int apply_value(const ConfigKey &key, const char *value, char (&fault)[CO
         result = apply_name(key, value, fault);
     else if (key.integer)
         result = apply_integer(key, value, fault);
-    else if (key.string_max && strlen(value) > key.string_max)
+    else if ((key.string_max && strlen(value) > key.string_max) || (key.absolute && value[0] != '/'))
         result = refuse(fault, "Incorrect %s value: `%s'", key.key, value);
     else
         replace_string("config_load", key.string, value);

@@ -9,8 +9,11 @@
 #include <cstddef>
 #include <cstdio>
 
-/* The longest work directory: what the deepest path of the tree leaves of a path buffer. */
-constexpr size_t CFG_WORK_DIRECTORY_MAX = 208;
+/*
+ * The longest work directory: what the longest path leaves of a path buffer. That is a VDisk's link in its datastore,
+ * with the 15 bytes that a file datastoremember can hold: Datastore/<15>/vdisks/<14>.
+ */
+constexpr size_t CFG_WORK_DIRECTORY_MAX = 207;
 
 /* The command line. */
 extern const char *opt_config; /* path of the configuration file */
@@ -20,7 +23,7 @@ extern char *cfg_syslog_ident;
 extern int cfg_syslog_facility; /* LOG_DAEMON and its like */
 extern int cfg_syslog_priority; /* LOG_INFO and its like */
 extern char *cfg_pid_file;
-extern char *cfg_work_directory; /* root of the database tree, at most CFG_WORK_DIRECTORY_MAX characters */
+extern char *cfg_work_directory; /* root of the database tree: absolute, at most CFG_WORK_DIRECTORY_MAX characters */
 extern char *cfg_local_nodes;
 extern int cfg_unicast_mode; /* not 0: unicast mode */
 extern char *cfg_unicast_hosts;

@@ -1,4 +1,4 @@
-/* The loop: set-up, signals, timers, statistics, and the order of the work within one turn. */
+/* The loop: set-up, signals, timers, and the order of the work within one turn. */
 #include "mwd/controller.h"
 #include "mwd/controller_internal.h"
 
@@ -24,14 +24,7 @@ static volatile sig_atomic_t do_exit;
 static volatile sig_atomic_t do_reload = 1;
 static volatile sig_atomic_t force_pings = 1;
 
-long long stats_rx_long[STATS_RX_KINDS], stats_rx_short[STATS_RX_KINDS];
-long long stats_tx_long[STATS_TX_KINDS], stats_tx_short[STATS_TX_KINDS];
-
 static time_t ping_ts, heartbeat_ts, stats_ts;
-
-struct NodeList *local_nodes;
-struct HostList *unicast_hosts;
-struct HostList *multicast_groups;
 
 /* The loop's steps log under its name. */
 static const char loop_op[] = "controller_thread_loop";
@@ -125,36 +118,6 @@ void controller_module_teardown()
     log_notice("Shutdown sequence finished!");
 }
 
-void count_rx(int idx)
-{
-    stats_rx_long[idx]++;
-    stats_rx_short[idx]++;
-}
-
-void count_tx(int idx)
-{
-    stats_tx_long[idx]++;
-    stats_tx_short[idx]++;
-}
-
-/* A pair of counters for "%lld/%lld": since the last lines, and since the start. */
-#define RX_PAIR(idx) stats_rx_short[idx], stats_rx_long[idx]
-#define TX_PAIR(idx) stats_tx_short[idx], stats_tx_long[idx]
-
-static void stats()
-{
-    log_notice("RX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld SV_PING=%lld/%lld "
-               "VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld UNKNOWN=%lld/%lld",
-               RX_PAIR(STATS_ALL), RX_PAIR(STATS_PING), RX_PAIR(STATS_DS_PING), RX_PAIR(STATS_AUX_PING),
-               RX_PAIR(STATS_SV_PING), RX_PAIR(STATS_VDISK_DEL), RX_PAIR(STATS_HEARTBEAT), RX_PAIR(STATS_UNKNOWN));
-    memset(stats_rx_short, 0, sizeof(stats_rx_short));
-    log_notice("TX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld SV_PING=%lld/%lld "
-               "VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld",
-               TX_PAIR(STATS_ALL), TX_PAIR(STATS_PING), TX_PAIR(STATS_DS_PING), TX_PAIR(STATS_AUX_PING),
-               TX_PAIR(STATS_SV_PING), TX_PAIR(STATS_VDISK_DEL), TX_PAIR(STATS_HEARTBEAT));
-    memset(stats_tx_short, 0, sizeof(stats_tx_short));
-}
-
 static void update_fds(fd_set *fds, int *nfdsp, int so, int ctrlso, struct CtrlConnList *cclp)
 {
     FD_ZERO(fds);
@@ -174,29 +137,42 @@ static void watch_connections(struct Loop *loop)
     update_fds(&loop->fds, &loop->nfds, loop->so, loop->ctrlso, &loop->ccl);
 }
 
+/* What is kept for the tree, the log and the fence check while control connections take all they can. */
+constexpr rlim_t RESERVED_FDS = 64;
+
 /*
- * Control connections may take every descriptor that select can hold. So that the tree, the log and the fence check
- * have theirs all the same, the limit on open files is raised above that, and where it cannot be, connections get less.
+ * Control connections may take every descriptor that select can hold, so the limit on open files is raised above that.
+ * Returns the limit in force.
  */
-static void reserve_descriptors()
+static rlim_t raise_open_files()
 {
-    constexpr rlim_t reserve = 64;
+    constexpr rlim_t wanted = FD_SETSIZE + RESERVED_FDS;
     struct rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) < 0) {
         log_warn("getrlimit(RLIMIT_NOFILE): %s", strerror(errno));
-        return;
+        return wanted;
     }
-    rlim_t wanted = std::min<rlim_t>(FD_SETSIZE + reserve, limit.rlim_max);
-    if (limit.rlim_cur < wanted) {
-        rlim_t before = limit.rlim_cur;
-        limit.rlim_cur = wanted;
-        if (setrlimit(RLIMIT_NOFILE, &limit) < 0) {
-            log_warn("setrlimit(RLIMIT_NOFILE): %s", strerror(errno));
-            limit.rlim_cur = before;
-        }
+    if (limit.rlim_cur >= wanted)
+        return limit.rlim_cur;
+    rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = std::min(wanted, limit.rlim_max);
+    if (limit.rlim_cur > before && setrlimit(RLIMIT_NOFILE, &limit) < 0) {
+        log_warn("setrlimit(RLIMIT_NOFILE): %s", strerror(errno));
+        return before;
     }
-    rlim_t kept = std::min(reserve, limit.rlim_cur / 2);
-    ctrl_fd_limit = static_cast<int>(std::min<rlim_t>(FD_SETSIZE, limit.rlim_cur - kept));
+    return limit.rlim_cur;
+}
+
+/*
+ * Where the limit on open files is low, connections get half of it, but a few descriptors above the listener in any
+ * case: whoever started the daemon may have left files open. One more is needed to accept what is then refused.
+ */
+static int connection_fd_limit(rlim_t open_files, int ctrlso)
+{
+    constexpr rlim_t a_few = 4;
+    rlim_t share = open_files - std::min(RESERVED_FDS, open_files / 2);
+    rlim_t least = std::min(static_cast<rlim_t>(ctrlso) + 1 + a_few, open_files - 1);
+    return static_cast<int>(std::min<rlim_t>(FD_SETSIZE, std::max(share, least)));
 }
 
 /* Prepares the socket for the groups of cfg_multicast_address. Returns 0 or -1. */
@@ -219,7 +195,7 @@ static int bring_up(struct Loop *loop)
     loop->so = -1;
     loop->ctrlso = -1;
     TAILQ_INIT(&loop->ccl);
-    reserve_descriptors();
+    rlim_t open_files = raise_open_files();
 
     loop->buf = static_cast<char *>(malloc(MSG_LEN_MAX));
     if (!loop->buf) {
@@ -242,6 +218,7 @@ static int bring_up(struct Loop *loop)
         log_error_as(loop_op, "Descriptor %d not below %d", std::max(loop->so, loop->ctrlso), FD_SETSIZE);
         return -1;
     }
+    ctrl_fd_limit = connection_fd_limit(open_files, loop->ctrlso);
     if (cfg_unicast_mode == 0 && bring_up_multicast(loop->so, &if_addr) < 0)
         return -1;
     watch_connections(loop);

@@ -21,13 +21,11 @@ enum {
     STATS_RX_KINDS
 };
 
-/* The long arrays count from the start of the process, the short ones from the last statistics lines. */
-extern long long stats_rx_long[STATS_RX_KINDS], stats_rx_short[STATS_RX_KINDS];
-extern long long stats_tx_long[STATS_TX_KINDS], stats_tx_short[STATS_TX_KINDS];
-
-/* Adds one to both counters of a kind. */
+/* Adds one to both counters of a kind: from the start of the process, and from the last statistics lines. */
 void count_rx(int idx);
 void count_tx(int idx);
+/* Logs all counters in two lines, and begins anew with those from the last lines. */
+void stats();
 
 /* The tables: never null between set-up and teardown, empty at first. */
 extern struct NodeList *local_nodes;      /* this host's nodes, which it publishes */

@@ -11,15 +11,6 @@ template <typename Record> static const Record *record_at(const struct Hdr *hdr,
     return reinterpret_cast<const Record *>(reinterpret_cast<const char *>(hdr) + offset);
 }
 
-int refresh_node(const struct Hdr *hdr, const char *ipaddr)
-{
-    if (NodeLock(hdr->uid) < 0)
-        return -1;
-    int result = NodeCreate(hdr, ipaddr);
-    NodeUnlock(hdr->uid);
-    return result;
-}
-
 /* A heartbeat renews a node's time and makes no node. */
 static void handle_heartbeat(const struct Hdr *hdr)
 {

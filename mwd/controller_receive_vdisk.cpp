@@ -181,6 +181,15 @@ static void leave_stale_vdisks(const char *op, const struct Hdr *hdr, struct VDi
     VDiskTreeFlush(&oldvdt);
 }
 
+int refresh_node(const struct Hdr *hdr, const char *ipaddr)
+{
+    if (NodeLock(hdr->uid) < 0)
+        return -1;
+    int result = NodeCreate(hdr, ipaddr);
+    NodeUnlock(hdr->uid);
+    return result;
+}
+
 void handle_ping(const struct Hdr *hdr, size_t r, const char *ipaddr)
 {
     count_rx(STATS_PING);

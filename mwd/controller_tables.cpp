@@ -11,6 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 
+struct NodeList *local_nodes;
+struct HostList *unicast_hosts;
+struct HostList *multicast_groups;
+
 /* Announces the load of a table file and opens it, as `op`. Returns null after an error line. */
 static FILE *table_open(const char *op, const char *path)
 {

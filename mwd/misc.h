@@ -3,10 +3,10 @@
 #define MWD_MISC_H
 
 /*
- * Removes the directory `dirpath` with everything below it. Symbolic links are removed, not followed, and mount points
- * not crossed. Returns 0, also when there is no such path; -1 when the path cannot be looked at and -2 when it is no
- * directory, both after an error line; else the negative result of the walk, which stopped at the first entry that
- * could not be removed and shows it in a debug line only. Safe to call again on what is left.
+ * Removes the directory `dirpath` with all below it, but neither what symbolic links lead to nor what is mounted there,
+ * bind mounts too; directories above a mount stay. Returns 0, also when there is no such path; -1 when it cannot be
+ * looked at and -2 when it is no directory, both after an error line; else the negative result of the walk, which ended
+ * at the first entry that stays and shows it in a debug line at most. May run again on what is left. Needs Linux 5.8.
  */
 int rm_fr(const char *dirpath);
 

@@ -11,6 +11,7 @@
 
 #include "mwd/netlib.h"
 
+#include <bsd/sys/tree.h>
 #include <sys/queue.h>
 
 /* An IPv4 peer or multicast group. */
@@ -46,18 +47,11 @@ struct VDisk {
     int members_count; /* set by VDiskLoad only, like frontends_count */
     struct FrontendList frontends;
     int frontends_count;
-    struct {
-        struct VDisk *rbe_left;
-        struct VDisk *rbe_right;
-        struct VDisk *rbe_parent;
-        int rbe_color;
-    } entries;
+    RB_ENTRY(VDisk) entries;
 };
 
 /* VDisks in ascending bytewise order of vdiskuuid. Owns its elements. */
-struct VDiskTree {
-    struct VDisk *rbh_root;
-};
+RB_HEAD(VDiskTree, VDisk);
 
 /* One local node. Only nodeid, nodeuuid and entries last; the rest is scratch space of one publication. */
 struct Node {

@@ -14,6 +14,11 @@
 /* One value with its newline, and a terminator. */
 constexpr size_t VALUE_LEN = 256;
 
+/*
+ * Values are opened with O_NONBLOCK, so that a FIFO or a terminal in the place of one fails. The daemon would otherwise
+ * wait for whoever is at the other end, holding the record's lock and deaf to signals.
+ */
+
 int AttrStore(int dirfd, const char *key, const char *format, ...)
 {
     char *text;
@@ -25,12 +30,17 @@ int AttrStore(int dirfd, const char *key, const char *format, ...)
         return -1;
 
     BufGuard guard(text);
-    int fd = fd_openat(dirfd, key, O_RDWR | O_CREAT | O_TRUNC, 0666);
+    int fd = fd_openat(dirfd, key, O_RDWR | O_CREAT | O_TRUNC | O_NONBLOCK, 0666);
     if (fd < 0)
         return -1;
     ssize_t written = buf_tx(fd, text, static_cast<size_t>(length), 1);
     fd_close(fd);
     return written == length ? length : -1;
+}
+
+int value_open(int dirfd, const char *key)
+{
+    return fd_openat(dirfd, key, O_RDONLY | O_NONBLOCK, 0);
 }
 
 /*
@@ -40,7 +50,7 @@ int AttrStore(int dirfd, const char *key, const char *format, ...)
  */
 [[gnu::flatten]] static int line_load(const char *op, int dirfd, const char *key, char (&text)[VALUE_LEN])
 {
-    FdGuard fd(fd_openat(dirfd, key, O_RDONLY, 0));
+    FdGuard fd(value_open(dirfd, key));
     if (fd.fd < 0)
         return -1;
     off_t size = lseek(fd.fd, 0, SEEK_END);

@@ -92,6 +92,9 @@ struct DirGuard {
  */
 int StringLoad(int dirfd, const char *key, char *dst, size_t dst_len);
 
+/* Opens a value for reading, and never waits for what is no file. Returns the descriptor or a negative number. */
+int value_open(int dirfd, const char *key);
+
 /*
  * Reads the whole open file into a new terminated buffer *r_buf, the caller's to free. Returns its size; or 0 for an
  * empty file and a negative number on failure, with *r_buf as it was.

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -268,7 +267,7 @@ static int add_member(const char *vdiskpath, struct MemberList *members, const c
 
 int MembershipLoad(struct MemberList *members, int *members_count, const char *vdiskpath, int vdiskfd)
 {
-    FdGuard file(fd_openat(vdiskfd, "membership", O_RDONLY, 0));
+    FdGuard file(value_open(vdiskfd, "membership"));
     if (file.fd < 0)
         return -1;
     BufGuard text(nullptr);
@@ -328,7 +327,7 @@ static int add_frontend(const Record &record, struct FrontendList *frontends, co
 int FrontendsLoad(struct FrontendList *frontends, int *frontends_count, const char *vdiskpath, const char *nodeuuid,
                   int mbfd)
 {
-    FdGuard file(fd_openat(mbfd, "frontend", O_RDONLY, 0));
+    FdGuard file(value_open(mbfd, "frontend"));
     if (file.fd < 0)
         return -1;
     BufGuard text(nullptr);
