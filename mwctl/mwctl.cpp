@@ -11,6 +11,9 @@
 using namespace mwctl;
 
 static constexpr Adder commands[] = {
+    add_status,
+    add_tables,
+    add_show,
     add_config,
     add_locks,
     add_check,
@@ -34,6 +37,8 @@ static int run(int argc, char **argv)
 
     try {
         app.parse(argc, argv);
+        if (app.get_subcommands().empty())
+            app.get_subcommand("status")->parse(std::vector<std::string>{});
     } catch (const CLI::Success &success) { /* --help, --version */
         app.exit(success);
         return STATUS_DONE;
