@@ -27,14 +27,14 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-/* Opens a regular file for reading, without waiting for what is none. Null with errno set on failure. */
+/* Opens a file for reading, without waiting for a FIFO that nobody writes. Null with errno set on failure. */
 static File open_file(const std::string &path)
 {
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return nullptr;
     struct stat st;
-    if (fstat(fd, &st) < 0 || !S_ISREG(st.st_mode)) {
+    if (fstat(fd, &st) < 0 || !(S_ISREG(st.st_mode) || S_ISCHR(st.st_mode))) {
         close(fd);
         errno = EINVAL;
         return nullptr;
