@@ -24,6 +24,7 @@ static volatile sig_atomic_t do_exit;
 static volatile sig_atomic_t do_reload = 1;
 static volatile sig_atomic_t force_pings = 1;
 
+static_assert(sizeof(time_t) == 8, "built without _TIME_BITS=64");
 static time_t ping_ts, heartbeat_ts, stats_ts;
 
 /* The loop's steps log under its name. */

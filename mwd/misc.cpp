@@ -10,24 +10,19 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-/* Opens the directory `name`, unless it is a mount point: that fails with EXDEV, whatever is mounted there. */
-static int open_unmounted(int dirfd, const char *name)
+/* Whether a directory is the root of what is mounted there, of a bind mount too. */
+static bool is_mount_point(const struct statx &st)
 {
-    struct open_how how = {};
-    how.flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_XDEV;
-    return static_cast<int>(syscall(SYS_openat2, dirfd, name, &how, sizeof(how)));
+    return st.stx_attributes & STATX_ATTR_MOUNT_ROOT;
 }
 
-static int rm_directory(int fd, char *path, size_t length);
+static int rm_directory(char *path, size_t length);
 
-/* Removes one entry of the directory `dirfd`, which has the path of that length, with all below it. */
-static int rm_fn(int dirfd, const struct dirent *entry, char *path, size_t length)
+/* Removes one entry of the directory at `path`, with all below it; a mount point is passed over. */
+static int rm_fn(const struct dirent *entry, char *path, size_t length)
 {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
         return 0;
@@ -35,29 +30,27 @@ static int rm_fn(int dirfd, const struct dirent *entry, char *path, size_t lengt
     if (length >= PATH_MAX)
         return -1;
     if (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN) {
-        int fd = open_unmounted(dirfd, entry->d_name);
-        if (fd >= 0)
-            return rm_directory(fd, path, length);
-        if (errno != ENOTDIR)
-            return errno == EXDEV ? 0 : -1;
+        struct statx st;
+        if (statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &st) < 0)
+            return -1;
+        if (S_ISDIR(st.stx_mode))
+            return is_mount_point(st) ? 0 : rm_directory(path, length);
     }
     int result = unlink(path);
     log_debug("unlink(%s): %d", path, result);
     return result;
 }
 
-/* Empties the directory `fd`, closes it and removes it. `path`, of PATH_MAX bytes, leads to it. */
-static int rm_directory(int fd, char *path, size_t length)
+/* Empties and removes the directory at `path`, which has that length in PATH_MAX bytes. */
+static int rm_directory(char *path, size_t length)
 {
-    DIR *dir = fdopendir(fd);
-    if (!dir) {
-        close(fd);
+    DIR *dir = opendir(path);
+    if (!dir)
         return -1;
-    }
     int result = 0;
     const struct dirent *entry;
     while (result == 0 && (entry = readdir(dir)))
-        result = rm_fn(fd, entry, path, length);
+        result = rm_fn(entry, path, length);
     closedir(dir);
     if (result != 0)
         return result;
@@ -80,14 +73,11 @@ int rm_fr(const char *dirpath)
         log_error("%s not a directory!", dirpath);
         return -2;
     }
-    if (st.stx_attributes & STATX_ATTR_MOUNT_ROOT)
-        return -1;
-    int fd = open(dirpath, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
+    if (is_mount_point(st))
         return -1;
     char path[PATH_MAX];
     snprintf(path, sizeof(path), "%s", dirpath);
-    return rm_directory(fd, path, strlen(path));
+    return rm_directory(path, strlen(path));
 }
 
 int msleep(int ms)

@@ -6,7 +6,7 @@
  * Removes the directory `dirpath` with all below it, but neither what symbolic links lead to nor what is mounted there,
  * bind mounts too; directories above a mount stay. Returns 0, also when there is no such path; -1 when it cannot be
  * looked at and -2 when it is no directory, both after an error line; else the negative result of the walk, which ended
- * at the first entry that stays and shows it in a debug line at most. May run again on what is left. Needs Linux 5.8.
+ * at the first entry that stays and shows it in a debug line at most. Safe to call again on what is left.
  */
 int rm_fr(const char *dirpath);
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 /* One value with its newline, and a terminator. */
 constexpr size_t VALUE_LEN = 256;
@@ -150,7 +151,7 @@ ssize_t FileLoad(int fd, char **r_buf)
     off_t size = lseek(fd, 0, SEEK_END);
     if (size <= 0)
         return size < 0 ? -1 : 0;
-    if (lseek(fd, 0, SEEK_SET) < 0)
+    if (!std::in_range<ssize_t>(size) || lseek(fd, 0, SEEK_SET) < 0)
         return -1;
 
     auto length = static_cast<size_t>(size);
@@ -166,5 +167,5 @@ ssize_t FileLoad(int fd, char **r_buf)
     }
     buf[length] = '\0';
     *r_buf = buf;
-    return size;
+    return result;
 }

@@ -138,7 +138,7 @@ int NodeUpdate_HEARTBEAT(const struct Hdr *hdr)
 {
     assert(hdr->type == MSG_HEARTBEAT);
     time_t now = time(nullptr);
-    log_info("Update Node %u set lastping=%lu", hdr->uid, static_cast<unsigned long>(now));
+    log_info("Update Node %u set lastping=%llu", hdr->uid, static_cast<unsigned long long>(now));
 
     char path[PATH_LEN];
     if (node_path(path, hdr->uid) < 0)
