@@ -1,14 +1,18 @@
 /* The daemon's process, and what the kernel says of its interface and ports. */
 #include "mwctl/cluster.h"
 #include "mwctl/process.h"
+#include "mwctl/tree.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <fstream>
 #include <ifaddrs.h>
 #include <memory>
 #include <net/if.h>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace mwctl
 {
@@ -37,20 +41,29 @@ static std::vector<SocketRow> read_sockets(const std::string &file)
     return rows;
 }
 
-static bool on_port(const SocketRow &row, int port)
+/* Bound to the port of the address, which is any for 0. */
+static bool on_port(const SocketRow &row, uint32_t address, int port)
 {
-    return row.local.ends_with(fmt::format(":{:04X}", port));
+    return row.local == fmt::format("{:08X}:{:04X}", address, port);
+}
+
+/* The process number that the PID file holds, 0 if there is none. */
+static int read_pid(const std::string &file)
+{
+    char text[16] = "";
+    Descriptor fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    struct stat st;
+    if (!fd || fstat(fd.get(), &st) < 0 || !S_ISREG(st.st_mode) || read(fd.get(), text, sizeof(text) - 1) <= 0)
+        return 0;
+    long pid = strtol(text, nullptr, 10);
+    return pid > 0 && pid <= INT32_MAX ? static_cast<int>(pid) : 0;
 }
 
 Daemon read_daemon(const Settings &settings)
 {
     Daemon daemon;
-    std::ifstream file(settings.pid_file);
-    int pid = 0;
-    if (!(file >> pid) || pid <= 0)
-        return daemon;
-    daemon.pid = pid;
-    if (!process_alive(pid))
+    int pid = daemon.pid = read_pid(settings.pid_file);
+    if (pid == 0 || !process_alive(pid))
         return daemon;
     std::string executable = process_executable(pid);
     if (executable != "mwd") {
@@ -63,7 +76,7 @@ Daemon read_daemon(const Settings &settings)
     daemon.cpu_seconds = use.cpu_seconds;
     daemon.rss_bytes = use.rss_bytes;
     for (const SocketRow &row : read_sockets(fmt::format("/proc/{}/net/udp", pid)))
-        if (on_port(row, settings.bind_port))
+        if (on_port(row, INADDR_ANY, settings.bind_port))
             daemon.drops += row.drops;
     return daemon;
 }
@@ -74,14 +87,17 @@ static std::string holder_text(uint64_t inode)
     return pid ? fmt::format("{} ({})", process_command(pid), pid) : "a process that cannot be seen from here";
 }
 
+/* Whoever holds a port on every address, or on the one that the daemon needs. */
 static void read_ports(Network &network, const Settings &settings)
 {
     static constexpr const char *listening = "0A";
+    uint32_t interface = inet_addr(network.interface_address.c_str()), ctrl = inet_addr(settings.ctrl_address.c_str());
     for (const SocketRow &row : read_sockets("/proc/net/udp"))
-        if (on_port(row, settings.bind_port))
+        if (on_port(row, INADDR_ANY, settings.bind_port) || on_port(row, interface, settings.bind_port))
             network.udp_holder = holder_text(row.inode);
     for (const SocketRow &row : read_sockets("/proc/net/tcp"))
-        if (on_port(row, settings.ctrl_port) && row.state == listening)
+        if ((on_port(row, INADDR_ANY, settings.ctrl_port) || on_port(row, ctrl, settings.ctrl_port)) &&
+            row.state == listening)
             network.ctrl_holder = holder_text(row.inode);
 }
 

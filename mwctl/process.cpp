@@ -56,6 +56,10 @@ std::string process_executable(int pid)
 {
     std::error_code error;
     std::string path = std::filesystem::read_symlink(fmt::format("/proc/{}/exe", pid), error).string();
+    if (error == std::errc::permission_denied) { /* another user's process: its name is all that it shows */
+        std::string name = read_proc(pid, "comm");
+        return name.substr(0, name.find('\n'));
+    }
     static constexpr std::string_view deleted =
         " (deleted)"; /* an upgrade replaced the file under the running daemon */
     if (path.ends_with(deleted))

@@ -15,7 +15,7 @@ bool process_alive(int pid);
 /* Its command line with blanks between the words, or its name in brackets; empty if it is gone. */
 std::string process_command(int pid);
 
-/* The base name of its executable; empty if that cannot be read. */
+/* The base name of its executable, of another user's process its own name; empty if it is gone. */
 std::string process_executable(int pid);
 
 struct ProcessUse {

@@ -159,7 +159,11 @@ static std::vector<std::string> list_records(Reader &reader, const std::string &
                                              bool (*usable)(const std::string &))
 {
     std::vector<std::string> names;
-    for (const Entry &entry : read_directory(reader.root.get(), top).entries) {
+    Directory directory = read_directory(reader.root.get(), top);
+    if (directory.fault == Fault::unreadable)
+        give_up(fmt::format("cannot read {} in the tree: {}; run this as the daemon's user or as root", top,
+                            directory.reason));
+    for (const Entry &entry : directory.entries) {
         if (entry.type == 'd' && usable(entry.name))
             names.push_back(entry.name);
         else
@@ -343,7 +347,6 @@ Cluster read_cluster(Settings settings, const Scope &scope)
     cluster.network = read_network(settings, cluster.daemon.running);
     cluster.settings = std::move(settings);
     cluster.scope = scope;
-    read_clock(cluster);
     auto [kind, name] = split_record(scope.record);
     if (scope.extent != Scope::one_record)
         read_all(cluster, reader, scope.extent == Scope::whole);
@@ -355,6 +358,7 @@ Cluster read_cluster(Settings settings, const Scope &scope)
         read_around_vdisk(cluster, reader, name);
     cluster.locks = read_locks();
     cluster.strays = std::move(reader.strays);
+    read_clock(cluster); /* behind the reading, so that nothing that was heard meanwhile lies in the future */
     return cluster;
 }
 
@@ -378,12 +382,15 @@ void reread(Cluster &cluster, const std::set<std::string> &records)
         else if (kind == "vdisk")
             take_in_vdisk(cluster, reader, name, cluster.vdisk(name) ? cluster.vdisk(name)->depth : Depth::whole);
     }
-    /* What stands outside of records is listed again too: there is little of it, and it tells no record. */
-    std::erase_if(cluster.strays,
-                  [](const Stray &stray) { return std::count(stray.path.begin(), stray.path.end(), '/') < 2; });
-    list_top(reader);
-    for (const char *top : {"Node", "Datastore", "VDisk"})
-        list_records(reader, top, strcmp(top, "Node") == 0 ? usable_uid : usable_uuid);
+    /* What stands outside of records tells none, and is listed again if there is any. */
+    auto outside = [](const Stray &stray) {
+        return std::count(stray.path.begin(), stray.path.end(), '/') < 2;
+    };
+    if (std::erase_if(cluster.strays, outside) > 0) {
+        list_top(reader);
+        for (const char *top : {"Node", "Datastore", "VDisk"})
+            list_records(reader, top, strcmp(top, "Node") == 0 ? usable_uid : usable_uuid);
+    }
     cluster.strays.insert(cluster.strays.end(), reader.strays.begin(), reader.strays.end());
     cluster.locks = read_locks();
     read_clock(cluster);

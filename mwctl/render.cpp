@@ -50,6 +50,8 @@ std::optional<size_t> ping_bytes(const Cluster &cluster, const Node &node)
 {
     size_t bytes = sizeof(Hdr);
     for (const Link &link : node.vdisks.links) {
+        if (!uuid_usable(link.name)) /* the daemon passes over it too */
+            continue;
         const VDisk *vdisk = cluster.vdisk(link.name);
         const Member *member = vdisk && vdisk->depth == Depth::whole ? vdisk->member(node.uid) : nullptr;
         if (!member)

@@ -108,10 +108,8 @@ static Value read_open_file(int fd, const Attribute &attribute, bool regular)
         if (result < 0)
             return refused();
         length += static_cast<size_t>(result);
-        if (result == 0 || length == LIST_READ || (!list && length == size))
+        if (length < size || length == LIST_READ || !list) /* of a regular file, less than asked for is all there is */
             return parse_value(attribute, {buffer, length});
-        if (length < size)
-            continue;
         if (large.empty())
             large.assign(small, length);
         large.resize(std::min(size * 4, LIST_READ));
