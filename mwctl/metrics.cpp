@@ -81,12 +81,6 @@ static void add_daemon(Exposition &out, const Daemon &daemon)
                daemon.drops);
 }
 
-/* The text of a value, empty if it has none. */
-static std::string text_of(const Value &value)
-{
-    return value.good() ? value.text : "";
-}
-
 static void add_node_identity(Exposition &out, const Cluster &cluster)
 {
     out.family("mwd_node_info", "gauge", "Each node of the tree, with what it says of itself; always 1.");

@@ -15,6 +15,7 @@ static constexpr Adder commands[] = {
     add_locks,
     add_check,
     add_metrics,
+    add_graph,
 };
 
 static int run(int argc, char **argv)
