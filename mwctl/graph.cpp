@@ -129,9 +129,14 @@ static std::string tooltip(const Picture &picture, const std::string &record)
 /* The one table of a box, with a red frame if there is trouble in it. */
 static std::string box(bool trouble, const std::string &rows)
 {
-    return fmt::format("<<TABLE BORDER=\"{}\" COLOR=\"{}\" STYLE=\"ROUNDED\" BGCOLOR=\"white\" CELLBORDER=\"0\" "
+    return fmt::format("<<TABLE BORDER=\"{}\" COLOR=\"{}\" BGCOLOR=\"white\" CELLBORDER=\"0\" "
                        "CELLSPACING=\"0\" CELLPADDING=\"3\">{}</TABLE>>",
                        trouble ? 2 : 1, trouble ? RED : LINE, rows);
+}
+
+static std::string count(size_t number, const char *what)
+{
+    return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
 }
 
 static std::string datastore_text(const Picture &picture, const Datastore &datastore, size_t number)
@@ -143,20 +148,20 @@ static std::string datastore_text(const Picture &picture, const Datastore &datas
             free += node.number("freespace");
         }
     std::string record = record_name("datastore", datastore.uuid);
-    std::string rows =
-        row(left(fmt::format("<B>{}</B>", html(datastore.uuid)),
-                 fmt::format("COLSPAN=\"3\" BGCOLOR=\"{}\"", picture.tint(datastore.uuid).ground))) +
-        row(left(html(text_of(datastore.value("name"))), "COLSPAN=\"3\"")) +
-        row(left(
-            small(fmt::format("{} nodes, {} VDisks", datastore.members.links.size(), datastore.vdisks.links.size())),
-            "COLSPAN=\"3\"")) +
-        bar_row("space", size, free, picture.tint(datastore.uuid).line) + trouble_rows(picture, record, 3);
+    std::string rows = row(left(fmt::format("<B>{}</B>", html(datastore.uuid)),
+                                fmt::format("COLSPAN=\"3\" BGCOLOR=\"{}\"", picture.tint(datastore.uuid).ground))) +
+                       row(left(html(text_of(datastore.value("name"))), "COLSPAN=\"3\"")) +
+                       row(left(small(count(datastore.members.links.size(), "member") + ", " +
+                                      count(datastore.vdisks.links.size(), "VDisk")),
+                                "COLSPAN=\"3\"")) +
+                       bar_row("space", size, free, picture.tint(datastore.uuid).line) +
+                       trouble_rows(picture, record, 3);
     std::string text = fmt::format("  datastore_{} [label={} tooltip={}]\n", number,
                                    box(picture.troubles.contains(record), rows), tooltip(picture, record));
     for (const Link &link : datastore.members.links)
         if (auto uid = uid_from(link.name); uid && picture.cluster.node(*uid))
-            text += fmt::format("  datastore_{} -> node_{} [color=\"{}\" penwidth=1.6 arrowhead=none]\n", number, *uid,
-                                picture.tint(datastore.uuid).line);
+            text += fmt::format("  datastore_{}:e -> node_{}:w [color=\"{}\" penwidth=1.6 arrowhead=none]\n", number,
+                                *uid, picture.tint(datastore.uuid).line);
     return text;
 }
 
@@ -167,7 +172,7 @@ static std::string node_text(const Picture &picture, const Node &node)
     Tint tint = picture.tint(text_of(node.value("datastoremember")));
     std::string about = fmt::format("{} {}", text_of(node.value("vendor")), text_of(node.value("model")));
     std::string heard = picture.cluster.local(node) ? "of this host" : age ? "heard " + human_age(*age) + " ago" : "";
-    std::string rows = row(left(fmt::format("<B>node {}</B>  {}", node.uid, small(text_of(node.value("version")))),
+    std::string rows = row(left(fmt::format("<B>node {}</B>&#160; {}", node.uid, small(text_of(node.value("version")))),
                                 fmt::format("COLSPAN=\"3\" BGCOLOR=\"{}\"", tint.ground))) +
                        row(left(small(about), "COLSPAN=\"3\"")) + row(left(small(heard), "COLSPAN=\"3\"")) +
                        bar_row("space", node.number("size"), node.number("freespace"), "#4a86bd") +
@@ -197,7 +202,7 @@ static std::string other_troubles(const Picture &picture)
 static std::string host_text(const Picture &picture, const std::string &address, bool here, size_t number)
 {
     const Cluster &cluster = picture.cluster;
-    std::string label = here ? fmt::format("<B>{}</B> {}", html(cluster.host), small("this host"))
+    std::string label = here ? fmt::format("<B>{}</B>&#160; {}", html(cluster.host), small("this host"))
                              : fmt::format("<B>{}</B>", address.empty() ? "address unknown" : html(address));
     std::string text = fmt::format(
         "  subgraph cluster_{} {{\n    label=<{}>; style=\"rounded,filled\"; color=\"{}\"; fillcolor=\"{}\"\n", number,
@@ -277,7 +282,7 @@ static std::string group_text(const Picture &picture, const Group &group, size_t
         rows += row(left(fmt::format("node {}", uid), fmt::format("PORT=\"m{}\" BGCOLOR=\"{}\"", uid, tint.ground)) +
                     left(small(frontends(group, uid)), fmt::format("COLSPAN=\"3\" BGCOLOR=\"{}\"", tint.ground)));
         if (picture.cluster.node(uid))
-            edges += fmt::format("  node_{} -> vdisks_{}:m{}:w [color=\"{}\" arrowhead=dot arrowsize=0.5]\n", uid,
+            edges += fmt::format("  node_{}:e -> vdisks_{}:m{}:w [color=\"{}\" arrowhead=dot arrowsize=0.5]\n", uid,
                                  number, uid, tint.line);
     }
     for (const VDisk *vdisk : group.vdisks) {
@@ -335,7 +340,7 @@ static std::string graph_text(const Cluster &cluster, const std::vector<Trouble>
     Picture picture = make_picture(cluster, troubles);
     std::string text = fmt::format("digraph cluster {{\n"
                                    "  rankdir=LR; ranksep=1.1; nodesep=0.18; labelloc=t; fontsize=15; bgcolor=white\n"
-                                   "  label=<The cluster as <B>{}</B> sees it {}>\n"
+                                   "  label=<<B>The cluster as {} sees it</B>&#160; {}>\n"
                                    "  graph [fontname=\"Helvetica,Arial,sans-serif\"]\n"
                                    "  node [shape=plain fontname=\"Helvetica,Arial,sans-serif\" fontsize=11]\n"
                                    "  edge [fontname=\"Helvetica,Arial,sans-serif\" fontsize=9]\n",
