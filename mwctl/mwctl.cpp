@@ -16,6 +16,7 @@ static constexpr Adder commands[] = {
     add_check,
     add_metrics,
     add_graph,
+    add_wait,
 };
 
 static int run(int argc, char **argv)
