@@ -17,6 +17,7 @@ static constexpr Adder commands[] = {
     add_metrics,
     add_graph,
     add_wait,
+    add_watch,
 };
 
 static int run(int argc, char **argv)
