@@ -87,6 +87,11 @@ std::optional<double> Cluster::age(const Node &node) const
     return now_exact - static_cast<double>(node.number("lastping"));
 }
 
+double silence_limit(const Settings &settings)
+{
+    return std::max(90.0, 3.0 * settings.heartbeat_interval);
+}
+
 std::string record_name(std::string_view kind, std::string_view name)
 {
     return fmt::format("{}/{}", kind, name);

@@ -213,6 +213,12 @@ Cluster read_cluster(Settings settings, const Scope &scope);
  */
 void reread(Cluster &cluster, const std::set<std::string> &records);
 
+/* The same for the records alone: neither strays, nor locks, nor the clock. */
+void reread_records(Cluster &cluster, const std::set<std::string> &records);
+
+/* Seconds after which a node that was not heard is silent: three heartbeat intervals, at least 90. */
+double silence_limit(const Settings &settings);
+
 /* Just the locks of /tmp: those whose name is a record's lock. */
 std::vector<Lock> read_locks();
 

@@ -17,6 +17,10 @@ static constexpr Adder commands[] = {
     add_config,
     add_locks,
     add_check,
+    add_metrics,
+    add_graph,
+    add_wait,
+    add_watch,
 };
 
 static int run(int argc, char **argv)

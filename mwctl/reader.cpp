@@ -368,13 +368,10 @@ static std::string record_path(const std::string &kind, const std::string &name)
     return fmt::format("{}/{}", kind == "node" ? "Node" : kind == "datastore" ? "Datastore" : "VDisk", name);
 }
 
-void reread(Cluster &cluster, const std::set<std::string> &records)
+static void take_in_records(Cluster &cluster, Reader &reader, const std::set<std::string> &records)
 {
-    Reader reader{open_tree(cluster.settings), {}};
     for (const std::string &record : records) {
         auto [kind, name] = split_record(record);
-        std::string path = record_path(kind, name) + "/";
-        std::erase_if(cluster.strays, [&](const Stray &stray) { return stray.path.starts_with(path); });
         if (kind == "node" && uid_from(name))
             take_in_node(cluster, reader, *uid_from(name));
         else if (kind == "datastore")
@@ -382,6 +379,23 @@ void reread(Cluster &cluster, const std::set<std::string> &records)
         else if (kind == "vdisk")
             take_in_vdisk(cluster, reader, name, cluster.vdisk(name) ? cluster.vdisk(name)->depth : Depth::whole);
     }
+}
+
+void reread_records(Cluster &cluster, const std::set<std::string> &records)
+{
+    Reader reader{open_tree(cluster.settings), {}};
+    take_in_records(cluster, reader, records);
+}
+
+void reread(Cluster &cluster, const std::set<std::string> &records)
+{
+    Reader reader{open_tree(cluster.settings), {}};
+    for (const std::string &record : records) {
+        auto [kind, name] = split_record(record);
+        std::string path = record_path(kind, name) + "/";
+        std::erase_if(cluster.strays, [&](const Stray &stray) { return stray.path.starts_with(path); });
+    }
+    take_in_records(cluster, reader, records);
     /* What stands outside of records tells none, and is listed again if there is any. */
     auto outside = [](const Stray &stray) {
         return std::count(stray.path.begin(), stray.path.end(), '/') < 2;

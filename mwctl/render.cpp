@@ -7,6 +7,11 @@
 namespace mwctl
 {
 
+std::string text_of(const Value &value)
+{
+    return value.good() ? value.text : "";
+}
+
 static Json value_json(const Attribute &attribute, const Value &value)
 {
     if (!value.good())

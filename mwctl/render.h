@@ -33,6 +33,9 @@ template <typename List, typename Make> Json json_list(const List &list, Make ma
     return result;
 }
 
+/* The text of a value, empty if it has none. */
+std::string text_of(const Value &value);
+
 /* The bytes of the PING that the node's VDisks, read whole, come to; nothing if one of them is not there. */
 std::optional<size_t> ping_bytes(const Cluster &cluster, const Node &node);
 
