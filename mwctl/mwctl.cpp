@@ -14,6 +14,7 @@ static constexpr Adder commands[] = {
     add_config,
     add_locks,
     add_check,
+    add_sniff,
 };
 
 static int run(int argc, char **argv)
