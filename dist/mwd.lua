@@ -127,7 +127,7 @@ add_field("mwd.vdisk.membership", ProtoField.none("mwd.vdisk.membership", "Membe
 add_field("mwd.vdisk.member", ProtoField.uint32("mwd.vdisk.member", "Member"))
 add_field("mwd.vdisk.frontend_list", ProtoField.none("mwd.vdisk.frontend_list", "Frontend list"))
 add_field("mwd.vdisk.frontend", ProtoField.ipv4("mwd.vdisk.frontend", "Frontend"))
-add_field("mwd.malformed", ProtoField.string("mwd.malformed", "Malformed"))
+add_field("mwd.malformed", ProtoField.string("mwd.malformed", "Refused"))
 add_field("mwd.note", ProtoField.string("mwd.note", "Note"))
 mwd.fields = fields
 
@@ -306,10 +306,7 @@ function Message:list(root, list_name, name, count)
         return 0
     end
     local there = math.max(0, math.min(count, math.floor((math.min(self.length, self.captured) - self.offset) / 4)))
-    local list = root:add(fields[list_name], self.tvb(self.offset - 1, 1))
-    if there > 0 then
-        list = list:set_len(there * 4) or list
-    end
+    local list = there > 0 and root:add(fields[list_name], self.tvb(self.offset, there * 4)) or root:add(fields[list_name])
     for _ = 1, there do
         list:add_le(fields[name], self.tvb(self.offset, 4))
         self.offset = self.offset + 4
@@ -354,7 +351,8 @@ function Message:vdisks(header)
     local names, seen = {}, {}
     local function summary()
         local shown = #names > 6 and table.concat(names, " ", 1, 6) .. " ..." or table.concat(names, " ")
-        return string.format(", %d VDisk%s%s%s", #names, #names == 1 and "" or "s", #names == 0 and "" or ": ", shown)
+        return string.format(", %d VDisk%s%s%s%s", #names, #names == 1 and "" or "s", #names == 0 and "" or ": ", shown,
+                             self.cut and ", cut" or "")
     end
     while self:has(VDISK.length) do
         local begin = self.offset
@@ -467,7 +465,7 @@ mwd.prefs.port = Pref.range("UDP ports", "8000", "Ports of the daemons: bind_por
 local udp_ports = DissectorTable.get("udp.port")
 local registered = ""
 
-function mwd.prefs_changed()
+local function register_ports()
     if registered ~= "" then
         udp_ports:remove(registered, mwd)
     end
@@ -477,5 +475,6 @@ function mwd.prefs_changed()
     end
 end
 
-mwd.prefs_changed()
+mwd.prefs_changed = register_ports
+register_ports()
 udp_ports:add_for_decode_as(mwd)
