@@ -21,6 +21,7 @@ static constexpr Adder commands[] = {
     add_graph,
     add_wait,
     add_watch,
+    add_sniff,
 };
 
 static int run(int argc, char **argv)
