@@ -7,7 +7,7 @@ import pytest
 from harness import STOPPED_CLOCK, Case, strace, wait_until
 from messages import (AUX_PING, CAPACITY, HEADER, Datagram, aux_ping, ds_ping, heartbeat, message, ping, plain,
                       report, single_vdisk_ping, snapshot, vdisk_deleted)
-from trees import DIRECTORY, GONE, Link, changed, datastore_record, difference, node_record, vdisk_record
+from trees import DIRECTORY, FIFO, GONE, SOCKET, Link, changed, datastore_record, difference, node_record, vdisk_record
 
 LONGEST_NAME = "0123456789abcd"
 # A node that was only heard of by messages other than an AUX_PING.
@@ -81,6 +81,10 @@ def test_each_message_is_applied_by_its_length_and_type(host):
              expected=heard | {"Node/7/allocatedspace": 201}),
         Case("a node that cannot be written keeps its figures and time", planted={"Node/7/vendor": DIRECTORY},
              sent=aux_ping(7), expected={}, log=["error: fd_openat(): openat(vendor): Is a directory"]),
+        Case("a FIFO in place of a value takes it, and nobody waits for a reader", planted={"Node/7/vendor": FIFO},
+             sent=aux_ping(7), expected=heard | {"Node/7/allocatedspace": 201}),
+        Case("a socket in place of a value is an error", planted={"Node/7/vendor": SOCKET}, sent=aux_ping(7),
+             expected={}, log=["error: fd_openat(): openat(vendor): No such device or address"]),
         Case("a message of unknown type changes nothing", sent=message(5, 9), expected={},
              log=["error: handle_unknown(): Received unknown header type 5"]),
         Case("a DS_PING of the same datastore renews the time", sent=ds_ping(7, "ds1") + b"more", expected=heard),

@@ -5,7 +5,7 @@ import pytest
 
 from harness import STOPPED_CLOCK, TREE, explain, no_such_file, nothing_in_record
 from messages import DS_PING, aux_ping, heartbeat, message, ping, plain, report, snapshot
-from trees import GONE, Link, changed, datastore_record, node_record, vdisk_record
+from trees import DEVICE, DIRECTORY, FIFO, GONE, SOCKET, Link, changed, datastore_record, node_record, vdisk_record
 
 
 @dataclasses.dataclass
@@ -116,6 +116,25 @@ def malformed_values():
                     log=[error("VDiskLoad", f"Malformed {s1}/snaptime: 1-2-3_4.5"), held_back("s1")]),
         Publication("a snapshot's parent without a name", planted={"VDisk/s1/parent": "\n"}, sent=WITHOUT_S1,
                     log=[error("VDiskLoad", f"Malformed {s1}/parent: "), held_back("s1")]),
+        # What is no file fails as one that cannot be read, and nobody waits for its other end.
+        Publication("a FIFO for a text", planted={"Node/7/vendor": FIFO}, sent=NOTHING,
+                    log=2 * [error("StringLoad", "lseek(vendor): Illegal seek"),
+                             error("NodeLoad", f"Failed to load {TREE}/Node/7/vendor: -1")]),
+        Publication("a FIFO for a number", planted={"VDisk/v1/sectors": FIFO}, sent=WITHOUT_V1,
+                    log=[error("AttrLoad", "lseek(sectors): Illegal seek"),
+                         error("VDiskLoad", f"Failed to load {v1}/sectors: -1"), held_back("v1")]),
+        Publication("a FIFO for a list of members", planted={"VDisk/v1/membership": FIFO}, sent=WITHOUT_V1,
+                    log=[held_back("v1")]),
+        Publication("a FIFO for a list of frontends", planted={frontend: FIFO}, sent=WITHOUT_V1, log=[held_back("v1")]),
+        Publication("a socket", planted={"VDisk/v1/sectors": SOCKET}, sent=WITHOUT_V1,
+                    log=[error("fd_openat", "openat(sectors): No such device or address"),
+                         error("VDiskLoad", f"Failed to load {v1}/sectors: -1"), held_back("v1")]),
+        Publication("a directory", planted={"VDisk/v1/sectors": DIRECTORY}, sent=WITHOUT_V1,
+                    log=[error("AttrLoad", "lseek(sectors): Invalid argument"),
+                         error("VDiskLoad", f"Failed to load {v1}/sectors: -1"), held_back("v1")]),
+        Publication("a device that is empty, for a number", planted={"VDisk/v1/sectors": DEVICE}, sent=WITHOUT_V1,
+                    log=[error("AttrLoad", "Empty file sectors"),
+                         error("VDiskLoad", f"Failed to load {v1}/sectors: -1"), held_back("v1")]),
         # What is too large.
         Publication("a message too large for the way stops nothing but itself", planted=many(16300),
                     sent=TOO_LARGE_FOR_THE_WAY,

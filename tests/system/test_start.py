@@ -17,7 +17,7 @@ ENDS_AT_ITS_INTERFACE = "bind_interface=none0\nwork_directory=/mnt/DB\npid_file=
 
 def test_lines_of_the_configuration(host):
     """What each makes of the values: a part of the line that tells them."""
-    longest, longest_interface, longest_directory = "i" * 1009, "123456789012345", "/mnt/" + "d" * 203
+    longest, longest_interface, longest_directory = "i" * 1009, "123456789012345", "/mnt/" + "d" * 202
     for line, values in [
             ("# a comment\n; another\n \t", DEFAULTS),
             ('syslog_ident="a # b" ', "syslog_ident=a # b syslog_facility"),
@@ -41,7 +41,7 @@ def test_lines_of_the_configuration(host):
 
 
 def test_lines_that_are_refused(host):
-    too_long = "/mnt/" + "d" * 204
+    too_long = "/mnt/" + "d" * 203
     for line, reason in [
             (" # a", "Broken config line ` # a'"),
             ("syslog_ident", "Broken config line `syslog_ident'"),
@@ -51,6 +51,7 @@ def test_lines_that_are_refused(host):
             ("syslog_facility=loud", "Incorrect syslog_facility value: `loud'"),
             ("bind_port=word", "Incorrect bind_port value: 0"),
             ("bind_interface=1234567890123456", "Incorrect bind_interface value: `1234567890123456'"),
+            ("work_directory=DB", "Incorrect work_directory value: `DB'"),  # would work until it is entered
             ("work_directory=" + too_long, f"Incorrect work_directory value: `{too_long}'"),
             ("syslog_ident=" + "i" * 1010, "Config line too long")]:
         found = host.run_daemon(f"{ENDS_AT_ITS_INTERFACE}{line}\n")

@@ -3,7 +3,7 @@ import re
 
 from harness import Case, no_such_file, nothing_in_record, strace
 from messages import ds_ping, ping, plain, report, single_vdisk_ping, snapshot, vdisk_deleted
-from trees import DIRECTORY, GONE, Link, changed, datastore_record, node_record, vdisk_record
+from trees import DIRECTORY, FIFO, GONE, Link, changed, datastore_record, difference, node_record, vdisk_record
 
 LONGEST_NAME = "0123456789abcd"
 NODES = node_record(7, "ds1") | node_record(8) | datastore_record("ds1", [7])
@@ -157,6 +157,40 @@ def test_snapshot_is_linked_in_its_parent(host):
              expected={}, log=["error: VDiskLoad(): Malformed /mnt/DB/VDisk/s1/parent: .."]),
         Case("a PING that omits both takes both", planted=SNAPSHOT_LINK, sent=ping(7), expected=V1_GONE | S1_GONE,
              log=[stale("s1"), stale("v1")]))
+
+
+def test_full_fifo_does_not_hold_up_the_daemon(host):
+    """A list too long for the buffer of a FIFO in its place fails, and the daemon goes on."""
+    members = list(range(1, 16001))
+    daemon = host.daemon(options="-d")
+    daemon.check(
+        V1,
+        Case("the report ends there", planted={"VDisk/v1/membership": FIFO},
+             sent=single_vdisk_ping(7, report(plain("v1", sectors=400), members)), expected={"VDisk/v1/sectors": 400},
+             log=["error: buf_tx(): write(19358): Resource temporarily unavailable"]),
+        Case("the next one is applied", sent=single_vdisk_ping(7, report(plain("v1", sectors=400))),
+             expected={"VDisk/v1/sectors": 400}))
+
+
+def test_longest_paths(host):
+    """Below the longest work directory, with the longest names, records come and go whole. Catches a limit that leaves
+    no room for the longest path of all, the link of a VDisk in a datastore whose name another program made too long."""
+    work_directory, node, datastore = "/mnt/" + "d" * 202, 4294967295, "D" * 15
+    host.path(work_directory).mkdir()
+    host.path("/mnt/DB").symlink_to("d" * 202)
+    daemon = host.daemon(f"work_directory = {work_directory}\n")
+    before = changed(node_record(node, datastore) | datastore_record(datastore, [node]), {"VDisk": DIRECTORY})
+    host.add(before)
+    vdisk, snap = plain(LONGEST_NAME), snapshot("S" * 14, LONGEST_NAME)
+    assert daemon.deliver(ping(node, report(vdisk, [node]), report(snap, [node]))) == []
+    both = vdisk_record(vdisk, [node], datastore) | vdisk_record(snap, [node], datastore)
+    link = {f"VDisk/{LONGEST_NAME}/snapshots/{'S' * 14}": Link(f"../../../VDisk/{'S' * 14}")}
+    assert difference(changed(before | both, link), host.tree()) == []
+    assert daemon.deliver(vdisk_deleted(node, "S" * 14), vdisk_deleted(node, LONGEST_NAME)) == []
+    assert difference(before, host.tree()) == []
+    assert daemon.deliver(ds_ping(node)) == []
+    assert difference(changed(before, {f"Datastore/{datastore}": GONE, f"Node/{node}/datastoremember": GONE}),
+                      host.tree()) == []
 
 
 def steps(daemon):
