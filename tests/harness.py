@@ -85,24 +85,33 @@ def nothing_in_record(name):
     return f"error: fd_openat(): openat({name}): No such file or directory"
 
 
-@dataclasses.dataclass
+def explain(rule, **rows):
+    """A text for a failure: the rule that is broken, and each row under its title, a line for each of its elements."""
+    text = rule
+    for title, row in rows.items():
+        if isinstance(row, dict):
+            row = [f"{path}: {value!r}" for path, value in row.items()]
+        lines = [str(line) for line in row] if isinstance(row, list) else [str(row)]
+        for line in lines or ["none"]:
+            text += f"\n  {title.replace('_', ' ') + ':':14} {line if len(line) < 1000 else line[:1000] + '...'}"
+    return text
+
+
+@dataclasses.dataclass(kw_only=True)
 class Case:
     """A message that arrives at a host with a known tree."""
-    name: str  # what is the matter, or what a daemon with the fault in question would do
-    planted: dict  # changes of the base tree that stand before the message comes
-    sent: Datagram
-    expected: dict  # changes that the message makes in the tree so planted
-    log: list = dataclasses.field(default_factory=list)  # lines above info, all of them
+    rule: str = dataclasses.field(kw_only=False)  # what must be so, and is not if the case fails
+    planted: dict = dataclasses.field(default_factory=dict)  # changes of the base tree that stand before
+    sent: Datagram  # what comes
+    expected: dict  # changes that it makes in the tree
+    log: list = dataclasses.field(default_factory=list)  # lines above info that it brings, all of them
 
     def failure(self, log, differences):
         """All that a reader needs to know of a case that went wrong, or nothing if it did not."""
         if not differences and log == self.log:
             return ""
-        rows = [("planted", [f"{path}: {value!r}" for path, value in self.planted.items()]),
-                ("sent", [repr(self.sent)]),
-                ("expected", [f"{path}: {value!r}" for path, value in self.expected.items()]),
-                ("differs", differences), ("log expected", self.log), ("log found", log)]
-        return self.name + "".join(f"\n  {title + ':':14}{line}" for title, lines in rows for line in lines or ["none"])
+        return explain(self.rule, planted=self.planted, sent=self.sent, expected=self.expected, differs=differences,
+                       log_expected=self.log, log_found=log)
 
 
 class Host:

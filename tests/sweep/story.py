@@ -8,16 +8,23 @@ import pathlib
 import struct
 import sys
 
-from records import (DS_PING, HEARTBEAT, PING, SINGLE_VDISK_PING, aux_ping, datastore_record, ds_ping, message,
-                     node_record, plain, report, snapshot, vdisk_deleted, vdisk_record)
+from messages import aux_ping, ds_ping, heartbeat, ping, plain, report, single_vdisk_ping, snapshot, vdisk_deleted
+from trees import datastore_record, node_record, vdisk_record
 
 STORY = [
-    aux_ping(7), ds_ping(7, "ds1"), ds_ping(8, "ds1"), ds_ping(6, "ds2"),
-    message(PING, 7, report(plain("v1"), [7, 8]) + report(plain("v2")) + report(snapshot("s1", "v1"))),
-    message(SINGLE_VDISK_PING, 8, report(plain("v1"), [7, 8])),
-    message(SINGLE_VDISK_PING, 8, report(plain("v1", 6), [8])),
-    vdisk_deleted(7, "s1"), message(PING, 7), message(DS_PING, 8), message(DS_PING, 6), message(HEARTBEAT, 7)]
-LOCAL = node_record(9, "ds9") | datastore_record("ds9", 9) | vdisk_record(plain("w1"), [9], "ds9")
+    aux_ping(7),
+    ds_ping(7, "ds1"),
+    ds_ping(8, "ds1"),
+    ds_ping(6, "ds2"),
+    ping(7, report(plain("v1"), [7, 8]), report(plain("v2")), report(snapshot("s1", "v1"))),
+    single_vdisk_ping(8, report(plain("v1"), [7, 8])),
+    single_vdisk_ping(8, report(plain("v1", 6), [8])),
+    vdisk_deleted(7, "s1"),
+    ping(7),
+    ds_ping(8),
+    ds_ping(6),
+    heartbeat(7)]
+LOCAL = node_record(9, "ds9") | datastore_record("ds9", [9]) | vdisk_record(plain("w1"), [9], "ds9")
 
 
 def write_seeds(directory):

@@ -8,13 +8,12 @@ import os
 import re
 import shutil
 import signal
-import socket
 
 import pytest
 
-from old_harness import BASE_CONFIG, BUILD, Daemon, strace
-from records import diff
+from harness import BASE_CONFIG, strace, wait_until
 from story import LOCAL, STORY
+from trees import difference
 
 STEP = int(os.environ.get("MWD_SWEEP_STEP", 19))
 FAULTS = """openat:error=EACCES openat:error=EINTR mkdir:error=ENOSPC mkdirat:error=ENOSPC symlinkat:error=ENOSPC
@@ -32,18 +31,18 @@ STOP = "inject=pselect6:signal=TERM"  # when the daemon waits for the first time
 COUNTDOWN, ALIVE, OWN = range(3)  # what the allocation shim shares
 
 
-def start(host, prefix=()):
-    return Daemon(host, "syslog_priority = notice\n", prefix, "-d")
+def start(host, before=()):
+    return host.daemon("syslog_priority = notice\n", before, "-d")
 
 
 def play(daemon):
     """The story, a publication and a control command. Returns the lines above notice."""
     daemon.sent()
-    lines = daemon.apply(*STORY) + daemon.publish()
-    with daemon.host.socket(socket.SOCK_STREAM, "127.0.0.1", 31337) as control:
+    lines = daemon.deliver(*STORY) + daemon.publish()
+    with daemon.host.tcp_connection() as control:
         control.send(b"ds_ping 9\n")
-    daemon.descriptors()  # waits until the daemon sleeps again
-    return [line for line in lines + daemon.sync() if not line.startswith("notice: ")]
+    wait_until(daemon.sleeps, "the end of the command")
+    return [line for line in lines + daemon.settle() if not line.startswith("notice: ")]
 
 
 def states_that_stay(tree):
@@ -53,11 +52,11 @@ def states_that_stay(tree):
     - A VDisk with a datastore that does not link it back: the first of the two links says that both were made."""
     stay = []
     for vdisk in "v1", "v2", "s1":
-        record, link = f"VDisk/{vdisk}/", f"Datastore/ds1/vdisks/{vdisk}"
-        whole = record + "memberinfo/" in tree and len(tree.get(record + "highest_gen_count", "")) > 1
+        record, link = f"VDisk/{vdisk}", f"Datastore/ds1/vdisks/{vdisk}"
+        whole = f"{record}/memberinfo" in tree and len(tree.get(f"{record}/highest_gen_count", "")) > 1
         if record in tree and not whole:
             stay.append(f"/{vdisk}/")
-        elif record + "datastore" in tree and link not in tree:
+        elif f"{record}/datastore" in tree and link not in tree:
             stay.append(link)
     return stay
 
@@ -68,7 +67,7 @@ def case(host, request):
     more, which leads to the same tree and messages as without the fault."""
     shutil.copy("/bin/true", host.path("/mnt/fence"))
     host.write("/mnt/local_nodes", "9\n")
-    host.put(LOCAL)
+    host.plant(LOCAL)
     daemon = start(host)
     assert play(daemon) + play(daemon) == []
     expected, published = host.tree(), daemon.sent()
@@ -79,20 +78,22 @@ def case(host, request):
     @contextlib.contextmanager
     def case(fault):
         cases[fault] = 0
-        host.put(LOCAL)
+        host.plant(LOCAL)
         own = len(host.daemons)
         yield expected, published
-        links = [host.path("/mnt/DB/" + name) for name, value in host.tree().items() if "/VDisk/" in value]
-        assert all(link.exists() for link in links), "a VDisk that went before a link to it"
+        links = [path for path in host.tree() if "/vdisks/" in path]
+        assert all(host.path(f"/mnt/DB/{link}").exists() for link in links), "a VDisk that went before a link to it"
         for lock in host.locks():  # as an operator does
             host.remove("/tmp/" + lock)
-        daemon = host.daemons[-1] if host.daemons[-1].process.returncode is None else start(host)
+        daemon = host.daemons[-1] if host.daemons[-1].runs() else start(host)
         play(daemon)
         assert daemon.sent() == published
         tree = host.tree()
         stay = states_that_stay(tree)
         cases[fault] = len(stay)
-        assert [x for x in diff(expected, tree) if not any(part in x.split(":")[0] + "/" for part in stay)] == []
+        wrong = [line for line in difference(expected, tree)
+                 if not any(part in line.split(":")[0] + "/" for part in stay)]
+        assert (fault, wrong) == (fault, [])
         while len(host.daemons) > own:
             host.daemons.pop().end()
     yield case
@@ -101,7 +102,7 @@ def case(host, request):
 
 def calls_of_story(host, call):
     """Which of the calls of that name the daemon makes for the story, and not to write its log."""
-    host.put(LOCAL)
+    host.plant(LOCAL)
     daemon = start(host, strace("-e", f"trace={call}"))
     first = len(re.findall(rf"^{call}\(", host.read("/mnt/strace"), re.M)) + 1
     play(daemon)
@@ -131,7 +132,7 @@ def test_faults_are_mended(host, case, fault):
                 assert host.locks() == stays, failed
                 assert lines or SILENT.search(fault), f"nothing was logged of {failed}"
                 if "EINTR" in fault and "O_NONBLOCK" not in failed:  # tried again at once, but for those of opendir
-                    assert (diff(expected, host.tree()), daemon.sent()) == ([], published), failed
+                    assert (difference(expected, host.tree()), daemon.sent()) == ([], published), failed
 
 
 @pytest.mark.parametrize("where, most", [("/mnt", 120), ("/tmp", 1)])
@@ -151,8 +152,8 @@ def test_full_file_systems_are_mended(host, case, where, most):
 def start_and_stop(host, *disturbance):
     """The daemon comes up and is stopped, or says why not and ends with status 1. Whether a call failed."""
     host.write("/mnt/local_nodes", "9\n")
-    status, err = host.run(BASE_CONFIG + "unicast_mode = 0\n", "-dC/mnt/mwd.conf", prefix=strace(*disturbance))
-    assert "Shutdown sequence finished!" in err or status == 1 and re.search(r"error: |regcomp\(", err), disturbance
+    status, log = host.run_daemon(BASE_CONFIG + "unicast_mode = 0\n", "-dC/mnt/mwd.conf", before=strace(*disturbance))
+    assert "Shutdown sequence finished!" in log or status == 1 and re.search(r"error: |regcomp\(", log), disturbance
     return "(INJECTED)" in host.read("/mnt/strace")
 
 
@@ -169,7 +170,7 @@ def test_failures_at_start_are_told(host):
 
 
 def share_allocations(host):
-    shutil.copy(BUILD / "tests/alloc_shim.so", host.path("/mnt/alloc.so"))
+    host.install("tests/alloc_shim.so")
     host.write("/mnt/alloc", bytes(24))
     with open(host.path("/mnt/alloc"), "r+b") as file:
         return memoryview(mmap.mmap(file.fileno(), 24)).cast("q")
@@ -179,19 +180,19 @@ def test_failed_allocations_at_start_are_told(host):
     shared = share_allocations(host)
     for number in itertools.takewhile(lambda _: shared[COUNTDOWN] == 0, itertools.count(1, STEP)):
         shared[COUNTDOWN] = number
-        start_and_stop(host, "-e", STOP, "-E", "LD_PRELOAD=/mnt/alloc.so")
+        start_and_stop(host, "-e", STOP, "-E", "LD_PRELOAD=/mnt/alloc_shim.so")
     assert number > 1
 
 
 def test_failed_allocations_are_mended(host, case):
     shared = share_allocations(host)
-    daemon = start(host, ["env", "LD_PRELOAD=/mnt/alloc.so"])
+    daemon = start(host, ["env", "LD_PRELOAD=/mnt/alloc_shim.so"])
     play(daemon)
-    host.put(LOCAL)
+    host.plant(LOCAL)
     shared[COUNTDOWN] = many = 1000000
     play(daemon)
     allocations = many - shared[COUNTDOWN]
-    daemon.descriptors()  # waits until the daemon sleeps
+    wait_until(daemon.sleeps, "sleep")
     before = shared[ALIVE]
     for number in range(1, allocations + 1, STEP):
         with case(f"allocation {number}"):
@@ -200,5 +201,5 @@ def test_failed_allocations_are_mended(host, case):
             assert shared[COUNTDOWN] == 0
             assert not shared[OWN] or any("alloc(" in line for line in lines), lines
             assert host.locks() == []
-        daemon.descriptors()
+        wait_until(daemon.sleeps, "sleep")
         assert shared[ALIVE] == before, f"memory was not freed after allocation {number}"
