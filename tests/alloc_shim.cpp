@@ -16,7 +16,8 @@ void __libc_free(void *old);
 struct Allocations {
     long countdown; /* how many allocations until one fails; 0 for never */
     long alive;
-    long own; /* whether the daemon itself asked for the one that failed */
+    long own;      /* whether the daemon itself asked for the one that failed */
+    long own_only; /* whether only what it asks for itself is counted down */
 };
 static Allocations none, *shared = &none;
 static pid_t owner; /* its children share the file */
@@ -30,10 +31,11 @@ static pid_t owner; /* its children share the file */
 
 static bool fails(const void *caller)
 {
-    if (getpid() != owner || shared->countdown == 0 || --shared->countdown > 0)
-        return false;
-    shared->own =
+    const bool own =
         reinterpret_cast<uintptr_t>(caller) - getauxval(AT_PHDR) < 1 << 24; /* the program's headers are first */
+    if (getpid() != owner || shared->countdown == 0 || own < shared->own_only || --shared->countdown > 0)
+        return false;
+    shared->own = own;
     errno = ENOMEM;
     return true;
 }

@@ -28,7 +28,7 @@ SILENT = re.compile("EINTR$|^(newfstatat|lseek|getdents64):")  # is repeated, or
 START_FAULTS = """socket:error=EMFILE setsockopt:error=EPERM getsockopt:error=EPERM bind:error=EADDRINUSE
 listen:error=EADDRINUSE ioctl:error=ENODEV fcntl:error=EBADF fsync:error=EIO"""
 STOP = "inject=pselect6:signal=TERM"  # when the daemon waits for the first time
-COUNTDOWN, ALIVE, OWN = range(3)  # what the allocation shim shares
+COUNTDOWN, ALIVE, OWN, OWN_ONLY = range(4)  # what the allocation shim shares
 
 
 def start(host, before=()):
@@ -149,10 +149,15 @@ def test_full_file_systems_are_mended(host, case, where, most):
             host.shell(f"mount {where} -o remount,size=64m")
 
 
+def run_to_first_wait(host, *disturbance):
+    """A daemon in multicast mode with one local node and one peer, ended when it waits for the first time."""
+    host.write("/mnt/local_nodes", "9\n")
+    return host.run_daemon(BASE_CONFIG + "unicast_mode = 0\n", "-dC/mnt/mwd.conf", before=strace(*disturbance))
+
+
 def start_and_stop(host, *disturbance):
     """The daemon comes up and is stopped, or says why not and ends with status 1. Whether a call failed."""
-    host.write("/mnt/local_nodes", "9\n")
-    status, log = host.run_daemon(BASE_CONFIG + "unicast_mode = 0\n", "-dC/mnt/mwd.conf", before=strace(*disturbance))
+    status, log = run_to_first_wait(host, *disturbance)
     assert "Shutdown sequence finished!" in log or status == 1 and re.search(r"error: |regcomp\(", log), disturbance
     return "(INJECTED)" in host.read("/mnt/strace")
 
@@ -171,9 +176,30 @@ def test_failures_at_start_are_told(host):
 
 def share_allocations(host):
     host.install("tests/alloc_shim.so")
-    host.write("/mnt/alloc", bytes(24))
+    host.write("/mnt/alloc", bytes(32))
     with open(host.path("/mnt/alloc"), "r+b") as file:
-        return memoryview(mmap.mmap(file.fileno(), 24)).cast("q")
+        return memoryview(mmap.mmap(file.fileno(), 32)).cast("q")
+
+
+def test_own_failed_allocations_at_start_are_told(host):
+    """In their order. Behind each of the first the daemon ends; a table that could not be loaded stays as it was."""
+    shared = share_allocations(host)
+    shared[OWN_ONLY] = 1
+    for number, (failed, status, node, peer) in enumerate([
+            ("NodeListAlloc", 1, 0, 0),
+            ("HostListAlloc", 1, 0, 0),  # of peers
+            ("HostListAlloc", 1, 0, 0),  # of groups
+            ("controller_thread_loop", 1, 0, 0),
+            ("HostAlloc", 1, 0, 0),  # a group
+            ("NodeListAlloc", 0, 0, 1),
+            ("NodeAlloc", 0, 0, 1),
+            ("HostListAlloc", 0, 1, 0),
+            ("HostAlloc", 0, 1, 0)], 1):
+        shared[COUNTDOWN] = number
+        ended, log = run_to_first_wait(host, "-e", STOP, "-E", "LD_PRELOAD=/mnt/alloc_shim.so")
+        told = re.findall(r"error: (\w+)\(\): [mc]alloc\(.*Cannot allocate memory", log)
+        tables = log.count(" [1/1] 9"), log.count(" [1/1] 127.0.0.2")
+        assert (number, told, ended, *tables) == (number, [failed], status, node, peer)
 
 
 def test_failed_allocations_at_start_are_told(host):

@@ -1,29 +1,39 @@
 #include "tests/unit/fixture.h"
 
-/* What AttrLoad, StringLoad and FileLoad return, each with what it loaded. */
-static std::string load(const std::string &content, size_t width)
-{
-    std::ofstream("key") << content;
-    const FdGuard file(open("key", O_RDONLY));
-    unsigned int number = 0;
-    BufGuard whole(nullptr);
-    std::string text(width, '#');
-    const int conversions = AttrLoad(AT_FDCWD, "key", "%u", &number);
-    const int length = StringLoad(AT_FDCWD, "key", text.data(), width);
-    EXPECT_EQ(content.size(), FileLoad(file.fd, &whole.buf));
-    EXPECT_EQ(content, std::string(whole.buf ? whole.buf : "", content.size()));
-    return to_string(conversions) + " " + to_string(number) + ", " + to_string(length) + " " + text;
-}
+using namespace std::string_literals;
 
+/* What a file reads as: a number, a text in a field of that width, which is full of # before, and a whole file. */
 TEST_F(Unit, AttributesAtEveryBoundary)
 {
-    const std::string pad(253, ' ');
-    EXPECT_EQ("-1 0, 0 ##", load("", 2));
-    EXPECT_EQ(std::string("-1 0, 0 \0\0", 10), load("\n", 2));
-    EXPECT_EQ("-1 0, -1 ##", load("1", 2));
-    EXPECT_EQ("1 12, 8 12 words", load("12 words\n", 8));
-    EXPECT_EQ("1 12, -1 #######", load("12 words\n", 7));
-    EXPECT_EQ(std::string("1 1, 3 1\0.", 10), load({"1\0.\n", 4}, 3));
-    EXPECT_EQ("1 7, 254 7" + pad, load("7" + pad + "\n", 254));
-    EXPECT_EQ("-1 0, -1 ##", load("77" + pad + "\n", 2));
+    const std::string blanks(253, ' '); /* with a digit and the newline the longest value */
+    const struct {
+        std::string content;
+        size_t width;
+        int conversions;
+        unsigned int number;
+        int length;
+        std::string text;
+    } rows[] = {
+        {"", 2, -1, 0, 0, "##"},
+        {"\n", 2, -1, 0, 0, "\0\0"s},
+        {"1", 2, -1, 0, -1, "##"}, /* no newline */
+        {"12 words\n", 8, 1, 12, 8, "12 words"},
+        {"12 words\n", 7, 1, 12, -1, "#######"},
+        {"1\0.\n"s, 3, 1, 1, 3, "1\0."s},
+        {"7" + blanks + "\n", 254, 1, 7, 254, "7" + blanks},
+        {"77" + blanks + "\n", 2, -1, 0, -1, "##"},
+    };
+    for (const auto &row : rows) {
+        std::ofstream("key") << row.content;
+        unsigned int number = 0;
+        EXPECT_EQ(row.conversions, AttrLoad(AT_FDCWD, "key", "%u", &number)) << row.content;
+        EXPECT_EQ(row.number, number) << row.content;
+        std::string text(row.width, '#');
+        EXPECT_EQ(row.length, StringLoad(AT_FDCWD, "key", text.data(), row.width)) << row.content;
+        EXPECT_EQ(row.text, text) << row.content;
+        const FdGuard file(open("key", O_RDONLY));
+        BufGuard whole(nullptr);
+        ASSERT_EQ(row.content.size(), FileLoad(file.fd, &whole.buf)) << row.content;
+        EXPECT_EQ(row.content, std::string(whole.buf ? whole.buf : "", row.content.size()));
+    }
 }
