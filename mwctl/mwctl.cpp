@@ -11,17 +11,8 @@
 using namespace mwctl;
 
 static constexpr Adder commands[] = {
-    add_status,
-    add_tables,
-    add_show,
-    add_config,
-    add_locks,
-    add_check,
-    add_metrics,
-    add_graph,
-    add_wait,
-    add_watch,
-    add_sniff,
+    add_status,  add_tables, add_show, add_config, add_locks, add_check,
+    add_metrics, add_graph,  add_wait, add_watch,  add_sniff,
 };
 
 static int run(int argc, char **argv)

@@ -24,7 +24,7 @@ namespace mwctl
 {
 
 constexpr int RECEIVE_BUFFER = 32 << 20; /* hundreds of the longest messages, while the output stands still */
-constexpr size_t PACKET_MAX = 65536; /* with its IP header */
+constexpr size_t PACKET_MAX = 65536;     /* with its IP header */
 
 [[noreturn]] static void give_up_call(const std::string &call)
 {

@@ -254,7 +254,8 @@ def test_refusals_drops_and_ends(equipped):
         done = host.run(*before, *TOOL, "sniff", *after)
         assert (done.returncode, done.stdout) == (status, "") and told in done.stderr
     assert host.run(*TOOL, "sniff", "--seconds", "0.1").returncode == 0
-    assert host.run("/bin/sh", "-c", " ".join(TOOL) + " sniff | true").returncode == 0  # its reader is gone, the wire silent
+    # Its reader is gone, and the wire is silent.
+    assert host.run("/bin/sh", "-c", " ".join(TOOL) + " sniff | true").returncode == 0
     # More than its buffer holds comes while it stands still.
     sniff = Sniff(host)
     sniff.program.send_signal(signal.SIGSTOP)
