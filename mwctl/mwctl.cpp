@@ -11,9 +11,7 @@
 using namespace mwctl;
 
 static constexpr Adder commands[] = {
-    add_config,
-    add_locks,
-    add_check,
+    add_config, add_locks, add_check, add_publish, add_new, add_get_set, add_drop, add_lock,
 };
 
 static int run(int argc, char **argv)

@@ -7,7 +7,7 @@
 namespace mwctl
 {
 
-static Json value_json(const Attribute &attribute, const Value &value)
+Json value_json(const Attribute &attribute, const Value &value)
 {
     if (!value.good())
         return nullptr;
