@@ -54,7 +54,7 @@ static constexpr Attribute vdisk_attributes[] = {
     {"uuid", Form::text, 14, Need::removal},
     {"name", Form::text, 28, Need::removal},
     {"sector_size", Form::number, 32, Need::removal, Applies::always, "512"},
-    {"sectors", Form::number, 64, Need::removal, Applies::always, "0"},
+    {"sectors", Form::number, 64, Need::removal, Applies::always, "2097152"},
     {"replicas", Form::number, 16, Need::removal, Applies::always, "1"},
     {"st_mems", Form::number, 8, Need::removal, Applies::always, "1"},
     {"st_size", Form::number, 16, Need::removal, Applies::always, "0"},
@@ -242,24 +242,67 @@ static std::optional<uint64_t> plain_number(std::string_view text, unsigned widt
     return number;
 }
 
+/* The pieces of a text between separators: one more than there are separators. */
+static std::vector<std::string_view> split(std::string_view text, std::string_view separators)
+{
+    std::vector<std::string_view> pieces;
+    for (;;) {
+        size_t end = std::min(text.find_first_of(separators), text.size());
+        pieces.push_back(text.substr(0, end));
+        if (end == text.size())
+            return pieces;
+        text.remove_prefix(end + 1);
+    }
+}
+
 static std::optional<std::string> format_list(const Attribute &attribute, std::string_view text, std::string &why)
 {
     std::string bytes;
-    while (!text.empty()) {
-        size_t end = std::min(text.find(','), text.size());
-        std::string_view element = text.substr(0, end);
-        text.remove_prefix(std::min(end + 1, text.size()));
-        if (attribute.form == Form::nodes && plain_number(element, 32).value_or(0) == 0) {
-            why = fmt::format("'{}' is no node number from 1 to 4294967295", element);
-            return std::nullopt;
+    if (text.empty())
+        return bytes;
+    for (std::string_view element : split(text, ",")) {
+        if (attribute.form == Form::nodes) {
+            uint64_t uid = plain_number(element, 32).value_or(0);
+            if (uid == 0) {
+                why = fmt::format("'{}' is no node number from 1 to 4294967295", element);
+                return std::nullopt;
+            }
+            bytes += fmt::format("{}\n", uid);
+            continue;
         }
-        if (attribute.form == Form::addresses && !canonical_address(element)) {
+        if (!canonical_address(element)) {
             why = fmt::format("'{}' is no IPv4 address in its plain form", element);
             return std::nullopt;
         }
         bytes += fmt::format("{}\n", element);
     }
     return bytes;
+}
+
+/* Whether the text is a "v", and two numbers that fit their bytes of a message. */
+static bool plain_version(std::string_view text)
+{
+    if (!text.starts_with('v'))
+        return false;
+    std::vector<std::string_view> parts = split(text.substr(1), ".");
+    return parts.size() == 2 && plain_number(parts[0], 8) && plain_number(parts[1], 8);
+}
+
+/* Whether the text is a time as the daemon writes it, each part within its width of a message. */
+static bool plain_time(std::string_view text)
+{
+    static constexpr std::string_view separators = "--_..";
+    static constexpr unsigned widths[] = {8, 8, 16, 8, 8, 8};
+    std::vector<std::string_view> parts = split(text, "-_.");
+    size_t at = 0;
+    for (size_t i = 0; i < parts.size(); i++) {
+        if (i >= std::size(widths) || parts[i].size() < 2 || !plain_number(parts[i], widths[i]))
+            return false;
+        at += parts[i].size();
+        if (i < separators.size() && (at >= text.size() || text[at++] != separators[i]))
+            return false;
+    }
+    return parts.size() == std::size(widths);
 }
 
 std::optional<std::string> format_value(const Attribute &attribute, std::string_view text, std::string &why)
@@ -281,13 +324,12 @@ std::optional<std::string> format_value(const Attribute &attribute, std::string_
         }
         return fmt::format("{}\n", *number);
     }
-    unsigned major, minor;
-    char rest;
     if (attribute.form == Form::address && !canonical_address(text))
         value.fault = Fault::no_address;
-    else if (attribute.form == Form::version && value.good() &&
-             (sscanf(value.text.c_str(), "v%u.%u%c", &major, &minor, &rest) != 2 || major > 255 || minor > 255))
+    else if (attribute.form == Form::version && value.good() && !plain_version(text))
         value.fault = Fault::no_version;
+    else if (attribute.form == Form::snaptime && value.good() && !plain_time(text))
+        value.fault = Fault::no_time;
     if (!value.good()) {
         why = fmt::format("'{}' {}", text, fault_text(attribute, value));
         return std::nullopt;

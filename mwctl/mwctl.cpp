@@ -11,8 +11,9 @@
 using namespace mwctl;
 
 static constexpr Adder commands[] = {
-    add_status,  add_tables, add_show, add_config, add_locks, add_check,
-    add_metrics, add_graph,  add_wait, add_watch,  add_sniff,
+    // seeing, mending, changing, and the wire
+    add_status, add_tables, add_show,    add_config, add_metrics, add_graph, add_wait, add_watch,
+    add_check,  add_locks,  add_publish, add_new,    add_get_set, add_drop,  add_lock, add_sniff,
 };
 
 static int run(int argc, char **argv)

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 namespace mwctl
 {
@@ -67,7 +68,9 @@ static std::string holder_of(const std::string &record)
 RecordLock::RecordLock(const std::string &record, std::optional<int> timeout_ms) : path_(lock_path(record))
 {
     hold_signals();
+    mode_t mask = umask(022); /* everybody may read who holds it, whatever the caller's mask is */
     int result = PathLock(path_.c_str(), timeout_ms.value_or(configured_timeout(record)));
+    umask(mask);
     if (result == 0)
         return;
     std::string reason = strerror(errno);

@@ -12,7 +12,7 @@ std::string text_of(const Value &value)
     return value.good() ? value.text : "";
 }
 
-static Json value_json(const Attribute &attribute, const Value &value)
+Json value_json(const Attribute &attribute, const Value &value)
 {
     if (!value.good())
         return nullptr;

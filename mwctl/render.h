@@ -15,6 +15,9 @@ namespace mwctl
 
 using Json = nlohmann::ordered_json;
 
+/* A value by its form: a number, a text, a list; null for a faulty one. */
+Json value_json(const Attribute &attribute, const Value &value);
+
 /* A record as a document: its own keys, then every attribute that was read under its file's name; null for a faulty
  * one. */
 Json node_json(const Cluster &cluster, const Node &node);

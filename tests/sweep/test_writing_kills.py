@@ -1,0 +1,85 @@
+"""mwctl new and mwctl drop, killed at each system call that changes something: no half of a record is ever published,
+and the same command again ends in the same tree. MWD_SWEEP_STEP is the distance from one kill to the next, 1 for all."""
+import contextlib
+import os
+import re
+
+import pytest
+
+from harness import BASE_CONFIG, Host, explain, strace, wait_until
+from messages import AUX_PING, PING, plain
+from trees import DIRECTORY, GONE, Link, changed, datastore_record, difference, node_record, vdisk_record
+
+STEP = int(os.environ.get("MWD_SWEEP_STEP", 19))
+MWCTL = ["/mnt/mwctl", "-C", "/mnt/mwd.conf"]
+CHANGES = ["openat", "mkdir", "symlink", "write", "rename", "unlink", "unlinkat", "rmdir"]
+OWN = changed(node_record(7, "ds1"), {"Node/7/lastping": GONE, "Node/7/ipaddr": GONE}) | datastore_record("ds1", [7])
+V1 = vdisk_record(plain("v1"), datastore="ds1")
+SHARED = changed(V1, {"VDisk/v1/membership": [7, 8], "Node/8/vdisks/v1": Link("../../../VDisk/v1"),
+                      "VDisk/v1/memberinfo/8/seqno": 1})
+# What is typed, and the tree before.
+COMMANDS = {"new node": ("new node 7 --datastore ds1 size=5", {"Node": DIRECTORY}),
+            "new vdisk": ("new vdisk v1 --node 7 frontend=10.0.0.1,10.0.0.2 sectors=5", OWN),
+            "new snapshot": ("new vdisk s1 --node 7 --snapshot-of v1 frontend=10.0.0.1 snaptime=11-03-07_09.05.02",
+                             OWN | V1),
+            "drop the last share": ("drop vdisk v1 --node 7", OWN | V1),
+            "drop one share of two": ("drop vdisk v1 --node 7", OWN | SHARED)}
+
+
+@pytest.fixture
+def host():
+    with contextlib.closing(Host()) as host:
+        host.install("mwctl")
+        host.write("/mnt/mwd.conf", BASE_CONFIG)
+        host.write("/mnt/local_nodes", "7\n")
+        yield host
+
+
+def published(daemon):
+    """What a publication sends of each kind; nothing of a kind that is kept back."""
+    daemon.sent()
+    daemon.publish()
+    return {datagram.kind: datagram for datagram in daemon.sent()}
+
+
+def without_leftovers(tree):
+    """A value that was being written is a file of its own, which the daemon passes over, and the next run takes."""
+    return {path: content for path, content in tree.items() if not re.search(r"/\.\w+\.new$", path)}
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_a_killed_command_is_finished_by_the_same_again(host, name):
+    typed, before = COMMANDS[name]
+    daemon = host.daemon()
+    host.plant(before)
+    messages = [published(daemon)]
+    traced = host.run(*strace("-e", f"trace={','.join(CHANGES)}"), *MWCTL, *typed.split())
+    assert traced.returncode == 0, traced.stderr
+    calls = re.findall(r"^(\w+)\(", host.read("/mnt/strace"), re.M)
+    expected = host.tree()
+    messages.append(published(daemon))
+    assert messages[0] != messages[1], "what the command does is published"
+    kills = 0
+    for call in CHANGES:
+        for number in range(1, calls.count(call) + 1, STEP if call in ("openat", "write") else max(1, STEP // 6)):
+            host.plant(before)
+            injection = f"inject={call}:signal=KILL:when={number}"
+            killed = host.run(*strace("-e", f"trace={call}", "-e", injection), *MWCTL, *typed.split())
+            story = dict(typed=typed, killed_at=host.read("/mnt/strace").splitlines()[-2:], status=killed.returncode)
+            assert killed.returncode in (137, -9), explain("strace kills it", **story)
+            kills += 1
+            host.run(*MWCTL, "locks", "--break")
+            assert host.locks() == [], explain("its locks can be broken", **story)
+            now = published(daemon)
+            half = {kind: datagram for kind, datagram in now.items()
+                    if datagram not in [sent.get(kind) for sent in messages]}
+            assert half == {}, explain("what is published is that of before or that of after", half=str(half), **story)
+            again = host.run(*MWCTL, *typed.split())
+            done = again.returncode == 0 or "exists already" in again.stderr or "has no share" in again.stderr
+            differs = difference(expected, without_leftovers(host.tree()))
+            assert done and differs == [], explain("the same command again finishes", again=again.stderr, **story,
+                                                   differs=differs)
+            if typed.startswith("drop"):
+                wait_until(lambda: AUX_PING in [datagram[2] for datagram in daemon.sent()], "the peers are told")
+            assert published(daemon) == messages[1], explain("the finished work is published", **story)
+    assert kills > 8 and PING in [datagram[2] for datagram in messages[1].values()]
