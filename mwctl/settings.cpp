@@ -19,6 +19,9 @@
 namespace mwctl
 {
 
+/* As many faults of one file are told; one is enough for the daemon to refuse it. */
+constexpr size_t FAULTS_TOLD = 100;
+
 struct FileCloser {
     void operator()(FILE *file) const
     {
@@ -80,7 +83,7 @@ static void read_config(Settings &settings)
             continue;
         }
         settings.config_faults.push_back({settings.file, number, fault});
-        if (broken_off)
+        if (broken_off || settings.config_faults.size() == FAULTS_TOLD)
             return;
     }
 }
@@ -93,15 +96,15 @@ template <typename Add> static bool read_table(Settings &settings, const std::st
         settings.table_faults.push_back({path, 0, fmt::format("cannot be read: {}", strerror(errno))});
         return false;
     }
-    bool whole = true;
+    size_t faults = 0;
     auto fault = [&](size_t line, std::string text) {
         settings.table_faults.push_back({path, line, std::move(text)});
-        whole = false;
+        faults++;
     };
     char line[TABLE_LINE_LEN];
     size_t number = 0;
     int result;
-    while ((result = table_next_line(file.get(), line, &number)) > 0) {
+    while ((result = table_next_line(file.get(), line, &number)) > 0 && faults < FAULTS_TOLD) {
         std::string text = add(line, number);
         if (!text.empty())
             fault(number, text);
@@ -111,7 +114,7 @@ template <typename Add> static bool read_table(Settings &settings, const std::st
               strlen(line) + 1 == sizeof(line) ? "is longer than 254 characters" : "does not end with a newline");
     else if (result < 0)
         fault(0, fmt::format("cannot be read: {}", strerror(errno)));
-    return whole;
+    return faults == 0;
 }
 
 static void read_tables(Settings &settings)

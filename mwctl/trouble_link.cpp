@@ -1,6 +1,7 @@
 /* Rules about the links between records. */
 #include "mwctl/trouble_rules.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace mwctl
@@ -84,6 +85,14 @@ static void judge_links_of(Judge &judge, const Datastore &datastore)
             judge_target(judge, members, link, "../../../Node/" + link.name);
 }
 
+/* The links are ascending. */
+static bool has_link(const LinkDirectory &directory, const std::string &name)
+{
+    auto found = std::lower_bound(directory.links.begin(), directory.links.end(), name,
+                                  [](const Link &link, const std::string &wanted) { return link.name < wanted; });
+    return found != directory.links.end() && found->name == name;
+}
+
 /* The link `datastore` of a VDisk: it has the one form, and the datastore links back. */
 static void judge_datastore_link(Judge &judge, const VDisk &vdisk, bool repairs)
 {
@@ -101,11 +110,7 @@ static void judge_datastore_link(Judge &judge, const VDisk &vdisk, bool repairs)
     }
     judge_target(judge, {record, path, "", repairs, repairs}, {"datastore", vdisk.datastore}, expected);
     const Datastore *datastore = judge.cluster.datastore(name);
-    bool linked_back = false;
-    if (datastore)
-        for (const Link &link : datastore->vdisks.links)
-            linked_back = linked_back || link.name == vdisk.uuid;
-    if (linked_back || (datastore && datastore->vdisks.fault == Fault::unreadable))
+    if (datastore && (has_link(datastore->vdisks, vdisk.uuid) || datastore->vdisks.fault == Fault::unreadable))
         return;
     std::string link = fmt::format("Datastore/{}/vdisks/{}", name, vdisk.uuid);
     std::string action = "mwctl check --repair";

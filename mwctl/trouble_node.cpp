@@ -120,6 +120,7 @@ static void judge_address(Judge &judge, const Node &node)
                           shell_path(judge.cluster, file)));
 }
 
+/* A list that is just being written only makes the PING look shorter, so the VDisks need no second look. */
 static void judge_ping_size(Judge &judge, const Node &node)
 {
     constexpr size_t datagram = 65507;
@@ -127,13 +128,11 @@ static void judge_ping_size(Judge &judge, const Node &node)
     if (!bytes || *bytes * 10 <= datagram * 9)
         return;
     bool too_large = *bytes > datagram;
-    Trouble &trouble = judge.add(
-        too_large ? "PING_TOO_LARGE" : "PING_NEARLY_FULL", record_of(node), path_of(node) + "/vdisks",
-        fmt::format("its PING of {} VDisks takes {} bytes of the {} that a datagram carries: {}", vdisk_count(node),
-                    *bytes, datagram, too_large ? "none is sent" : "soon none will be sent"),
-        "move VDisks to another node, or give some up: mwctl drop vdisk VDISK --node " + std::to_string(node.uid));
-    for (const Link &link : node.vdisks.links)
-        trouble.involved.insert(record_name("vdisk", link.name));
+    judge.add(too_large ? "PING_TOO_LARGE" : "PING_NEARLY_FULL", record_of(node), path_of(node) + "/vdisks",
+              fmt::format("its PING of {} VDisks takes {} bytes of the {} that a datagram carries: {}",
+                          vdisk_count(node), *bytes, datagram, too_large ? "none is sent" : "soon none will be sent"),
+              "move VDisks to another node, or give some up: mwctl drop vdisk VDISK --node " +
+                  std::to_string(node.uid));
 }
 
 static void judge_published(Judge &judge, const Node &node)
