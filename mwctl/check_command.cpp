@@ -71,12 +71,11 @@ static bool agreed(size_t count)
 /* Mends until nothing more can be: what is mended may uncover the next. Leaves in `troubles` what is left. */
 static std::vector<Repaired> mend(Cluster &cluster, std::vector<Trouble> &troubles, bool steps_on_stdout)
 {
-    auto say = [&](const std::string &step) {
-        std::string line = printable(step) + "\n";
+    auto say = [&](const std::string &text, bool left) {
         if (steps_on_stdout)
-            print(line);
-        else
-            fputs(line.c_str(), stderr);
+            print(printable(text) + "\n");
+        else if (left)
+            fputs((printable(text) + "\n").c_str(), stderr);
     };
     std::vector<Repaired> all;
     for (bool progress = true; progress;) {

@@ -22,12 +22,12 @@ struct Mending {
     const Trouble &trouble;
     Cluster around;
     Repaired done;
-    const std::function<void(const std::string &)> &say;
+    const Tell &say;
 
     void step(const std::string &text)
     {
         done.steps.push_back(text);
-        say(text);
+        say(text, false);
     }
 };
 
@@ -249,8 +249,7 @@ static void check_again(Mending &mending, const Remedy &remedy)
 }
 
 /* Mends one trouble under its lock. What was done before something got in the way is told too. */
-static Repaired mend(const Cluster &cluster, const Trouble &trouble, const Remedy &remedy,
-                     const std::function<void(const std::string &)> &say)
+static Repaired mend(const Cluster &cluster, const Trouble &trouble, const Remedy &remedy, const Tell &say)
 {
     Mending mending{trouble, {}, {trouble.code, trouble.record, {}}, say};
     try {
@@ -260,13 +259,12 @@ static Repaired mend(const Cluster &cluster, const Trouble &trouble, const Remed
         check_again(mending, remedy);
         remedy.mend(mending);
     } catch (const std::runtime_error &reason) { /* Left, or a lock that is not to be had */
-        say(fmt::format("left {} {}: {}", trouble.code, trouble.record, reason.what()));
+        say(fmt::format("left {} {}: {}", trouble.code, trouble.record, reason.what()), true);
     }
     return mending.done;
 }
 
-std::vector<Repaired> repair(Cluster &cluster, const std::vector<Trouble> &troubles,
-                             const std::function<void(const std::string &)> &say)
+std::vector<Repaired> repair(Cluster &cluster, const std::vector<Trouble> &troubles, const Tell &say)
 {
     std::vector<Repaired> done;
     std::set<std::string> changed;
@@ -277,7 +275,8 @@ std::vector<Repaired> repair(Cluster &cluster, const std::vector<Trouble> &troub
             continue;
         if (!cluster.settings.local_nodes_whole) {
             say(fmt::format("left {} {}: without {} nobody knows which nodes are this host's own", trouble.code,
-                            trouble.record, cluster.settings.local_nodes_file));
+                            trouble.record, cluster.settings.local_nodes_file),
+                true);
             continue;
         }
         if (Repaired repaired = mend(cluster, trouble, *remedy, say); !repaired.steps.empty())

