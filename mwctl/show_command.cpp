@@ -85,7 +85,7 @@ static std::string members_text(const Cluster &cluster, const VDisk &vdisk, cons
         all.insert(member.uid);
     if (all.empty())
         return heading("No member", style);
-    Table table({"NODE", "HEARD", "LISTED", "GENERATION", "STATUS", "SEQNO", "NUMKEYS", "PORT", "ST_MEM", "FRONTENDS"});
+    Table table({"NODE", "AGE", "LISTED", "GENERATION", "STATUS", "SEQNO", "NUMKEYS", "PORT", "ST_MEM", "FRONTENDS"});
     for (uint32_t uid : all) {
         const Member *member = vdisk.member(uid);
         bool names = std::find(listed.begin(), listed.end(), uid) != listed.end();
@@ -100,7 +100,7 @@ static std::string members_text(const Cluster &cluster, const VDisk &vdisk, cons
 
 static std::string nodes_text(const Cluster &cluster, const Datastore &datastore, const Style &style)
 {
-    Table table({"NODE", "HEARD", "SIZE", "FREE", "ALLOCATED", "UTIL", "NAMES IT"});
+    Table table({"NODE", "AGE", "SIZE", "FREE", "ALLOCATED", "UTIL", "NAMES IT"});
     for (const Link &link : datastore.members.links) {
         std::optional<uint32_t> uid = uid_from(link.name);
         const Node *node = uid ? cluster.node(*uid) : nullptr;

@@ -166,7 +166,7 @@ static void add_peers(Page &page)
     page.heading(fmt::format("{}{}{}", count_of(nodes.size(), "peer"),
                              silent ? fmt::format(", {} silent", silent) : ", none silent",
                              shown < nodes.size() ? "; those not heard for longest:" : ""));
-    Table table({"NODE", "HEARD", "ADDRESS", "VERSION", "DATASTORE", "VDISKS", "SIZE", "FREE"});
+    Table table({"NODE", "AGE", "ADDRESS", "VERSION", "DATASTORE", "VDISKS", "SIZE", "FREE"});
     for (size_t i = 0; i < shown; i++) {
         const Node &node = *nodes[i];
         std::optional<double> age = cluster.age(node);
@@ -176,7 +176,7 @@ static void add_peers(Page &page)
                    figure_text(node, "freespace")});
     }
     page.text += table.render(page.style, "  ");
-    add_rest(page, nodes.size(), shown, "mwctl nodes --sort=-heard");
+    add_rest(page, nodes.size(), shown, "mwctl nodes --sort=-age");
 }
 
 static void add_datastores(Page &page)

@@ -84,11 +84,11 @@ static const std::vector<Column<Node>> node_columns = {
      [](const View &, const Node &node) {
          return number_cell(node.uid);
      }},
-    {"WHERE",
+    {"PLACE",
      [](const View &view, const Node &node) {
          return text_cell(view.cluster.local(node) ? "here" : "peer");
      }},
-    {"HEARD",
+    {"AGE",
      [](const View &view, const Node &node) {
          return age_cell(view.cluster.age(node));
      }},
@@ -169,6 +169,16 @@ static Cell parent_cell(const View &, const VDisk &vdisk)
     return vdisk.snapshot() ? value_cell(vdisk.value("parent")) : text_cell("");
 }
 
+/* In a transaction, with members that have not reported it here, or complete. */
+static Cell state_cell(const View &, const VDisk &vdisk)
+{
+    if (uint64_t transaction = vdisk.number("transaction_id"))
+        return text_cell(fmt::format("transaction {}", transaction));
+    std::vector<uint32_t> uids = vdisk.membership();
+    auto missing = std::count_if(uids.begin(), uids.end(), [&](uint32_t uid) { return !vdisk.member(uid); });
+    return text_cell(missing ? fmt::format("{} missing", missing) : "complete");
+}
+
 static const std::vector<Column<VDisk>> vdisk_columns = {
     {"VDISK",
      [](const View &, const VDisk &vdisk) {
@@ -194,6 +204,7 @@ static const std::vector<Column<VDisk>> vdisk_columns = {
      [](const View &, const VDisk &vdisk) {
          return value_cell(vdisk.value("highest_gen_count"));
      }},
+    {"STATE", state_cell},
     {"PARENT", parent_cell},
 };
 
@@ -353,7 +364,7 @@ static void add_table(CLI::App &app, Options &options, const char *name, const c
 void add_tables(CLI::App &app, Options &options, int &)
 {
     add_table(app, options, "nodes", "Every node, one line each",
-              "Examples:\n  mwctl nodes --sort=-heard\n  mwctl nodes --datastore ds1", run_nodes);
+              "Examples:\n  mwctl nodes --sort=-age\n  mwctl nodes --datastore ds1", run_nodes);
     add_table(app, options, "datastores", "Every datastore, one line each",
               "Examples:\n  mwctl datastores\n  mwctl datastores --node 7", run_datastores);
     add_table(app, options, "vdisks", "Every VDisk, one line each",
