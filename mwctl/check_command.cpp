@@ -14,11 +14,6 @@
 namespace mwctl
 {
 
-static std::string count_of(size_t count, const char *noun)
-{
-    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
-}
-
 /* What was looked at: "12 nodes, 3 datastores, 456 VDisks, 1 lock". */
 static std::string extent_text(const Cluster &cluster)
 {

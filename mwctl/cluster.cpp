@@ -22,6 +22,13 @@ uint64_t number_of(Kind kind, const Values &values, std::string_view key)
     return value_number(attributes(kind)[static_cast<size_t>(index)], values[static_cast<size_t>(index)]);
 }
 
+const Link *LinkDirectory::find(std::string_view name) const
+{
+    auto found = std::lower_bound(links.begin(), links.end(), name,
+                                  [](const Link &link, std::string_view sought) { return link.name < sought; });
+    return found == links.end() || found->name != name ? nullptr : &*found;
+}
+
 std::vector<uint32_t> VDisk::membership() const
 {
     std::vector<uint32_t> uids;

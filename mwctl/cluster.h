@@ -33,8 +33,10 @@ struct Link {
 /* A directory inside a record: whether it could be read, and its links. Entries that are no links are strays. */
 struct LinkDirectory {
     Fault fault = Fault::missing;
-    std::string reason; /* of the system, when unreadable */
-    std::vector<Link> links;
+    std::string reason;      /* of the system, when unreadable */
+    std::vector<Link> links; /* ascending by name */
+
+    const Link *find(std::string_view name) const;
 };
 
 /* Whether the directory of a record could be read. */

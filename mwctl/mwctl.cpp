@@ -28,6 +28,7 @@ static int run(int argc, char **argv)
         ->check(CLI::IsMember({"auto", "always", "never"}))
         ->type_name("WHEN");
     app.require_subcommand(0, 1);
+    app.fallthrough(); /* options of the program may stand behind the command too */
     app.footer("mwctl alone prints `status`. See mwctl(8).");
     for (Adder add : commands)
         add(app, options, status);

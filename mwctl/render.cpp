@@ -2,6 +2,7 @@
 
 #include "mwd/netlib.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace mwctl
@@ -76,13 +77,14 @@ Json node_json(const Cluster &cluster, const Node &node)
 {
     bool local = cluster.local(node);
     std::optional<double> age = cluster.age(node);
-    Json document = {{"uid", node.uid},
-                     {"local", local},
-                     {"age_seconds", age ? Json(*age) : Json()},
-                     {"ipaddr", or_null(node.value("ipaddr"))},
-                     {"version", or_null(node.value("version"))},
-                     {"datastore", or_null(node.value("datastoremember"))},
-                     {"vdisks", node.vdisks.links.size()}};
+    Json document = {
+        {"uid", node.uid},
+        {"local", local},
+        {"age_seconds", age ? Json(*age) : Json()},
+        {"ipaddr", or_null(node.value("ipaddr"))},
+        {"version", or_null(node.value("version"))},
+        {"datastore", node.value("datastoremember").text.empty() ? Json() : or_null(node.value("datastoremember"))},
+        {"vdisks", node.vdisks.links.size()}};
     if (local) {
         std::optional<size_t> bytes = ping_bytes(cluster, node);
         document["ping_bytes"] = bytes ? Json(*bytes) : Json();
@@ -149,15 +151,26 @@ Json trouble_json(const Trouble &trouble)
             {"repairable", trouble.repairable}};
 }
 
+std::string troubles_count(const std::vector<Trouble> &troubles)
+{
+    auto errors = static_cast<size_t>(std::count_if(
+        troubles.begin(), troubles.end(), [](const Trouble &trouble) { return trouble.severity == Severity::error; }));
+    size_t warnings = troubles.size() - errors;
+    return fmt::format("{}{}{}", errors ? count_of(errors, "error") : "", errors && warnings ? ", " : "",
+                       warnings ? count_of(warnings, "warning") : "");
+}
+
 std::string troubles_text(const std::vector<Trouble> &troubles, const Style &style)
 {
+    constexpr size_t gutter = 9;
+    size_t width = terminal_width();
     std::string result;
     for (const Trouble &trouble : troubles) {
         bool error = trouble.severity == Severity::error;
-        result +=
-            fmt::format("{}{:<7}{} {} {}{}{}\n    {}\n    action: {}\n", error ? style.red : style.yellow,
-                        error ? "error" : "warning", style.reset, trouble.code, style.bold, printable(trouble.record),
-                        style.reset, printable(trouble.text), printable(trouble.action));
+        result += fmt::format("{}{:<7}{}  {}{}{}  {}\n{:9}{}\n {}action:{} {}\n", error ? style.red : style.yellow,
+                              error ? "error" : "warning", style.reset, style.bold, trouble.code, style.reset,
+                              printable(trouble.record), "", wrap(printable(trouble.text), width, gutter), style.green,
+                              style.reset, printable(trouble.action));
     }
     return result;
 }

@@ -42,7 +42,13 @@ std::string text_of(const Value &value);
 /* The bytes of the PING that the node's VDisks, read whole, come to; nothing if one of them is not there. */
 std::optional<size_t> ping_bytes(const Cluster &cluster, const Node &node);
 
-/* Each trouble as two lines, what is wrong and its `action:`, behind a coloured severity and its code; printable. */
+/* "2 errors, 1 warning"; empty if there is none. */
+std::string troubles_count(const std::vector<Trouble> &troubles);
+
+/*
+ * Each trouble for people: its severity, code and record, what is wrong, and the action, which stays on one line so
+ * that it can be copied. Printable.
+ */
 std::string troubles_text(const std::vector<Trouble> &troubles, const Style &style);
 
 } // namespace mwctl

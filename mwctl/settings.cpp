@@ -117,8 +117,11 @@ template <typename Add> static bool read_table(Settings &settings, const std::st
     return faults == 0;
 }
 
-static void read_tables(Settings &settings)
+void reread_tables(Settings &settings)
 {
+    settings.local_nodes.clear();
+    settings.unicast_hosts.clear();
+    settings.table_faults.clear();
     settings.local_nodes_whole = read_table(settings, settings.local_nodes_file, [&](const char *line, size_t number) {
         uint32_t uid = table_node(line);
         if (uid == 0)
@@ -189,7 +192,7 @@ Settings read_settings(const std::optional<std::string> &file)
     settings.file = choose_file(file);
     read_config(settings);
     take_over_values(settings);
-    read_tables(settings);
+    reread_tables(settings);
     return settings;
 }
 

@@ -62,6 +62,9 @@ struct Settings {
  */
 Settings read_settings(const std::optional<std::string> &file);
 
+/* Reads both tables again, as the daemon does at SIGHUP. */
+void reread_tables(Settings &settings);
+
 } // namespace mwctl
 
 #endif

@@ -1,183 +1,306 @@
 /* show: everything of one record. */
 #include "mwctl/command.h"
 #include "mwctl/failure.h"
+#include "mwctl/figures.h"
+#include "mwctl/near_names.h"
 #include "mwctl/render.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 namespace mwctl
 {
 
-/* A heading and what stands below it; nothing if there is nothing. */
-static std::string section(const Style &style, const std::string &heading, const std::string &body)
+/* A record with all that is told of it. */
+struct Subject {
+    Cluster cluster;
+    std::string record;
+    const char *kind;
+    std::vector<Trouble> troubles;
+    std::vector<Link> links;              /* out of the record, under their paths */
+    std::vector<std::string> linked_from; /* paths of links to it */
+    std::string title;                    /* one line: what it is */
+    std::string body;                     /* attributes and members, for people */
+    Json document;
+};
+
+/* ---- Pieces of text ------------------------------------------------------------------------------------------------
+ */
+
+static std::string heading(const char *words, const Style &style)
 {
-    return body.empty() ? "" : fmt::format("\n{}{}{}\n{}", style.bold, heading, style.reset, body);
+    return fmt::format("\n{}{}{}\n", style.bold, words, style.reset);
 }
 
-static std::string attributes_text(Kind kind, const Values &values)
+/* Whether the record should have the value. */
+static bool expected(const Attribute &attribute, bool snapshot, Kind kind)
 {
-    std::string text;
+    bool applies = kind != Kind::vdisk || attribute.applies == Applies::always ||
+                   (attribute.applies == Applies::snapshot) == snapshot;
+    return applies && attribute.need != Need::optional;
+}
+
+static std::string value_text(const Attribute &attribute, const Value &value, double now)
+{
+    if (!value.good())
+        return "(" + fault_text(attribute, value) + ")";
+    if (attribute.key == "lastping")
+        return fmt::format("{} ({} ago)", value.text,
+                           human_age(now - static_cast<double>(value_number(attribute, value))));
+    std::string text = value.text;
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text.empty() ? "(empty)" : text;
+}
+
+static std::string attributes_text(const Cluster &cluster, Kind kind, const Values &values, bool snapshot,
+                                   const Style &style)
+{
+    Table table({"ATTRIBUTE", "VALUE"});
     for (size_t i = 0; i < values.size(); i++) {
         const Attribute &attribute = attributes(kind)[i];
-        bool list = attribute.form == Form::nodes || attribute.form == Form::addresses;
-        if (values[i].missing() && (attribute.applies != Applies::always || attribute.need == Need::optional ||
-                                    attribute.need == Need::unread))
-            continue;
-        std::string shown = values[i].good()
-                                ? list ? fmt::format("{}", fmt::join(value_lines(values[i]), " ")) : values[i].text
-                                : fmt::format("({})", fault_text(attribute, values[i]));
-        text += fmt::format("  {:<22}{}\n", attribute.key, printable(shown));
+        if (!values[i].missing() || expected(attribute, snapshot, kind))
+            table.add({std::string(attribute.key), value_text(attribute, values[i], cluster.now_exact)});
     }
-    return text;
+    return "\n" + table.render(style);
 }
 
-static std::string links_text(const LinkDirectory &directory)
+static std::string good_text(const Value &value)
+{
+    return value.good() && !value.text.empty() ? value.text : "-";
+}
+
+static std::string heard_text(const Cluster &cluster, uint32_t uid)
+{
+    const Node *node = cluster.node(uid);
+    std::optional<double> age = node ? cluster.age(*node) : std::nullopt;
+    return !node ? "no record" : age ? human_age(*age) : "here";
+}
+
+static std::string members_text(const Cluster &cluster, const VDisk &vdisk, const Style &style)
+{
+    std::vector<uint32_t> listed = vdisk.membership();
+    std::set<uint32_t> all(listed.begin(), listed.end());
+    for (const Member &member : vdisk.members)
+        all.insert(member.uid);
+    if (all.empty())
+        return heading("No member", style);
+    Table table({"NODE", "AGE", "LISTED", "GENERATION", "STATUS", "SEQNO", "NUMKEYS", "PORT", "ST_MEM", "FRONTENDS"});
+    for (uint32_t uid : all) {
+        const Member *member = vdisk.member(uid);
+        bool names = std::find(listed.begin(), listed.end(), uid) != listed.end();
+        std::vector<std::string> row = {std::to_string(uid), heard_text(cluster, uid), names ? "yes" : "no"};
+        for (const char *key : {"membership_gen_count", "status", "seqno", "numkeys", "port", "st_mem", "frontend"})
+            row.push_back(member ? good_text(member->value(key)) : "-");
+        std::replace(row.back().begin(), row.back().end(), '\n', ' ');
+        table.add(std::move(row));
+    }
+    return heading("Members", style) + table.render(style, "  ");
+}
+
+static std::string nodes_text(const Cluster &cluster, const Datastore &datastore, const Style &style)
+{
+    Table table({"NODE", "AGE", "SIZE", "FREE", "ALLOCATED", "UTIL", "NAMES IT"});
+    for (const Link &link : datastore.members.links) {
+        std::optional<uint32_t> uid = uid_from(link.name);
+        const Node *node = uid ? cluster.node(*uid) : nullptr;
+        auto figure = [&](const char *key) {
+            std::optional<uint64_t> value = node ? figure_of(*node, key) : std::nullopt;
+            return value ? std::to_string(*value) : "-";
+        };
+        bool names =
+            node && node->value("datastoremember").good() && node->value("datastoremember").text == datastore.uuid;
+        table.add({link.name, uid ? heard_text(cluster, *uid) : "-", figure("size"), figure("freespace"),
+                   figure("allocatedspace"), figure("utilization"), names ? "yes" : "no"});
+    }
+    return table.empty() ? heading("No member", style) : heading("Members", style) + table.render(style, "  ");
+}
+
+/* Links with the target that their place asks for, by name alone behind their directory; others with their target. */
+static std::string links_text(const std::vector<Link> &links, const Style &style)
 {
     std::string text;
-    for (const Link &link : directory.links)
-        text += fmt::format("  {:<22}{}\n", printable(link.name), printable(link.target));
-    return text;
-}
-
-static std::string names_text(const std::vector<std::string> &names)
-{
-    return names.empty() ? "" : fmt::format("  {}\n", printable(fmt::format("{}", fmt::join(names, " "))));
-}
-
-static bool links(const LinkDirectory &directory, const std::string &name)
-{
-    return std::any_of(directory.links.begin(), directory.links.end(),
-                       [&](const Link &link) { return link.name == name; });
-}
-
-static std::string node_text(const Cluster &cluster, const Node &node, const Style &style)
-{
-    std::string uid = std::to_string(node.uid);
-    std::vector<std::string> datastores;
-    for (const auto &[uuid, datastore] : cluster.datastores)
-        if (links(datastore.members, uid))
-            datastores.push_back(uuid);
-    std::optional<double> age = cluster.age(node);
-    std::string heard = age ? fmt::format("heard {} ago", human_age(*age)) : "never heard";
-    std::optional<size_t> bytes = cluster.local(node) ? ping_bytes(cluster, node) : std::nullopt;
-    std::string ping = bytes ? fmt::format(", its PING has {} of 65507 bytes", *bytes) : "";
-    return fmt::format("node {}: {}, {}{}\n{}{}{}", node.uid, cluster.local(node) ? "of this host" : "a peer", heard,
-                       ping, attributes_text(Kind::node, node.values),
-                       section(style, "linked from datastores", names_text(datastores)),
-                       section(style, fmt::format("{} VDisks", node.vdisks.links.size()), links_text(node.vdisks)));
-}
-
-static std::string datastore_text(const Cluster &cluster, const Datastore &datastore, const Style &style)
-{
-    std::vector<std::string> named;
-    for (const auto &[uid, node] : cluster.nodes)
-        if (node.value("datastoremember").text == datastore.uuid)
-            named.push_back(std::to_string(uid));
-    return fmt::format(
-        "datastore {}\n{}{}{}{}", printable(datastore.uuid), attributes_text(Kind::datastore, datastore.values),
-        section(style, "members", links_text(datastore.members)), section(style, "named by nodes", names_text(named)),
-        section(style, fmt::format("{} VDisks", datastore.vdisks.links.size()), links_text(datastore.vdisks)));
-}
-
-static std::string members_text(const VDisk &vdisk)
-{
-    std::vector<std::string> headings = {"NODE"};
-    for (const Attribute &attribute : attributes(Kind::member))
-        headings.emplace_back(attribute.key);
-    Table table(headings);
-    for (const Member &member : vdisk.members) {
-        std::vector<std::string> cells = {std::to_string(member.uid)};
-        for (const Value &value : member.values)
-            cells.push_back(value.good()      ? fmt::format("{}", fmt::join(value_lines(value), " "))
-                            : value.missing() ? "-"
-                                              : "?");
-        table.add(cells);
+    std::map<std::string, std::string> directories;
+    for (const Link &link : links) {
+        size_t slash = link.name.rfind('/');
+        std::string name = link.name.substr(slash + 1);
+        bool plain = link.target.ends_with("/" + name);
+        directories[link.name.substr(0, slash + 1)] +=
+            " " + printable(plain ? name : fmt::format("{}->{}", name, link.target));
     }
-    return table.empty() ? "" : table.render({}, "  ");
+    for (const auto &[directory, names] : directories)
+        text += fmt::format("  {}\n    {}\n", printable(directory), wrap(names.substr(1), terminal_width(), 4));
+    return text.empty() ? "" : heading("Links", style) + text;
 }
 
-static std::string vdisk_text(const Cluster &cluster, const VDisk &vdisk, const Style &style)
+static std::string back_links_text(const std::vector<std::string> &paths, const Style &style)
 {
-    std::vector<std::string> nodes, datastores;
-    for (const auto &[uid, node] : cluster.nodes)
-        if (links(node.vdisks, vdisk.uuid))
-            nodes.push_back(std::to_string(uid));
-    for (const auto &[uuid, datastore] : cluster.datastores)
-        if (links(datastore.vdisks, vdisk.uuid))
-            datastores.push_back(uuid);
-    std::string kind =
-        vdisk.snapshot() ? fmt::format("a Snapshot of {}", printable(vdisk.value("parent").text)) : "Plain";
-    return fmt::format(
-        "VDisk {}: {}\n{}{}{}{}{}{}", printable(vdisk.uuid), kind, attributes_text(Kind::vdisk, vdisk.values),
-        section(style, "member records", members_text(vdisk)),
-        section(style, "datastore", vdisk.has_datastore ? fmt::format("  {}\n", printable(vdisk.datastore)) : ""),
-        section(style, "linked from nodes", names_text(nodes)),
-        section(style, "linked from datastores", names_text(datastores)),
-        section(style, "snapshots", links_text(vdisk.snapshots)));
+    std::string text;
+    for (const std::string &path : paths)
+        text += fmt::format("  {}\n", printable(path));
+    return text.empty() ? heading("Linked from nowhere", style) : heading("Linked from", style) + text;
 }
 
-static std::string lock_text(const Lock *lock)
+static std::string lock_text(const Lock *lock, const Style &style)
 {
     if (!lock)
-        return "";
-    return fmt::format("  {} for {}, {}\n", printable(lock->path), human_age(lock->age_seconds),
-                       !lock->pid    ? "with no process number in it"
-                       : lock->alive ? fmt::format("by process {}: {}", lock->pid, printable(lock->command))
-                                     : fmt::format("by process {}, which is dead", lock->pid));
+        return heading("Not locked", style);
+    std::string holder = lock->alive ? fmt::format("process {}, {}", lock->pid, lock->command)
+                         : lock->pid ? fmt::format("process {}, which is gone", lock->pid)
+                                     : "nobody has written a number into it";
+    return heading("Locked", style) +
+           fmt::format("  {} for {}: {}\n", printable(lock->path), human_age(lock->age_seconds), printable(holder));
 }
 
-static int run_show(const Options &options, const std::string &kind, const std::string &name)
+/* ---- The three kinds -----------------------------------------------------------------------------------------------
+ */
+
+static void add_links(Subject &subject, const std::string &directory, const LinkDirectory &links)
 {
+    for (const Link &link : links.links)
+        subject.links.push_back({fmt::format("{}/{}", directory, link.name), link.target});
+}
+
+/* The datastores and nodes that were read and link to the record from the directory `entry` of theirs. */
+static void find_back_links(Subject &subject, const std::string &name)
+{
+    bool node = std::string_view(subject.kind) == "node";
+    for (const auto &[uuid, datastore] : subject.cluster.datastores)
+        if ((node ? datastore.members : datastore.vdisks).find(name))
+            subject.linked_from.push_back(fmt::format("Datastore/{}/{}/{}", uuid, node ? "members" : "vdisks", name));
+    if (node)
+        return;
+    for (const auto &[uid, other] : subject.cluster.nodes)
+        if (other.vdisks.find(name))
+            subject.linked_from.push_back(fmt::format("Node/{}/vdisks/{}", uid, name));
+    for (const auto &[uuid, vdisk] : subject.cluster.vdisks)
+        if (vdisk.snapshots.find(name))
+            subject.linked_from.push_back(fmt::format("VDisk/{}/snapshots/{}", uuid, name));
+}
+
+static bool describe_node(Subject &subject, const std::string &name, const Style &style)
+{
+    const Cluster &cluster = subject.cluster;
+    const Node *node = cluster.node(node_number(name));
+    if (!node)
+        return false;
+    std::optional<double> age = cluster.age(*node);
+    subject.title = fmt::format("node {}, {}{}", node->uid, cluster.local(*node) ? "of this host" : "a peer",
+                                age ? fmt::format(", heard {} ago", human_age(*age)) : "");
+    add_links(subject, fmt::format("Node/{}/vdisks", name), node->vdisks);
+    find_back_links(subject, name);
+    subject.body = attributes_text(cluster, Kind::node, node->values, false, style);
+    subject.document = node_json(cluster, *node);
+    return true;
+}
+
+static bool describe_datastore(Subject &subject, const std::string &name, const Style &style)
+{
+    const Cluster &cluster = subject.cluster;
+    const Datastore *datastore = cluster.datastore(name);
+    if (!datastore)
+        return false;
+    subject.title = fmt::format("datastore {}, {} and {}", name, count_of(datastore->members.links.size(), "member"),
+                                count_of(datastore->vdisks.links.size(), "VDisk"));
+    add_links(subject, fmt::format("Datastore/{}/members", name), datastore->members);
+    add_links(subject, fmt::format("Datastore/{}/vdisks", name), datastore->vdisks);
+    for (const auto &[uuid, vdisk] : cluster.vdisks)
+        if (vdisk.datastore_name() == name)
+            subject.linked_from.push_back(fmt::format("VDisk/{}/datastore", uuid));
+    subject.body = attributes_text(cluster, Kind::datastore, datastore->values, false, style) +
+                   nodes_text(cluster, *datastore, style);
+    subject.document = datastore_json(*datastore);
+    return true;
+}
+
+static bool describe_vdisk(Subject &subject, const std::string &name, const Style &style)
+{
+    const Cluster &cluster = subject.cluster;
+    const VDisk *vdisk = cluster.vdisk(name);
+    if (!vdisk)
+        return false;
+    std::optional<uint64_t> bytes = vdisk_bytes(*vdisk);
+    subject.title =
+        fmt::format("VDisk {}, {}{}", name,
+                    vdisk->snapshot() ? "a Snapshot of " + good_text(vdisk->value("parent")) : std::string("Plain"),
+                    bytes ? ", " + human_size(*bytes) : "");
+    if (!vdisk->datastore.empty())
+        subject.links.push_back({fmt::format("VDisk/{}/datastore", name), vdisk->datastore});
+    add_links(subject, fmt::format("VDisk/{}/snapshots", name), vdisk->snapshots);
+    for (const Member &member : vdisk->members)
+        if (!member.nodestatus.empty())
+            subject.links.push_back(
+                {fmt::format("VDisk/{}/memberinfo/{}/nodestatus", name, member.uid), member.nodestatus});
+    find_back_links(subject, name);
+    subject.body = attributes_text(cluster, Kind::vdisk, vdisk->values, vdisk->snapshot(), style) +
+                   members_text(cluster, *vdisk, style);
+    subject.document = vdisk_json(*vdisk);
+    return true;
+}
+
+/* ---- The command ---------------------------------------------------------------------------------------------------
+ */
+
+static void print_text(const Subject &subject, const Style &style)
+{
+    const Lock *lock = subject.cluster.lock(subject.record);
+    std::string text = fmt::format("{}{}{}\n{}", style.bold, printable(subject.title), style.reset, subject.body);
+    text += links_text(subject.links, style) + back_links_text(subject.linked_from, style) + lock_text(lock, style);
+    text += subject.troubles.empty() ? heading("No trouble", style)
+                                     : heading("Troubles", style) + troubles_text(subject.troubles, style);
+    print(text);
+}
+
+static Json to_json(const Subject &subject)
+{
+    const Lock *lock = subject.cluster.lock(subject.record);
+    return {{subject.kind, subject.document},
+            {"links", json_list(subject.links,
+                                [](const Link &link) -> Json {
+                                    return {{"path", utf8(link.name)}, {"target", utf8(link.target)}};
+                                })},
+            {"linked_from", json_list(subject.linked_from, [](const std::string &path) { return utf8(path); })},
+            {"lock", lock ? lock_json(*lock) : Json()},
+            {"troubles", json_list(subject.troubles, trouble_json)}};
+}
+
+using Describe = bool (*)(Subject &subject, const std::string &name, const Style &style);
+
+static void run_show(const Options &options, const char *kind, const std::string &name, Describe describe)
+{
+    Settings settings = options.settings();
     std::string record = record_name(kind, name);
-    Cluster cluster = read_cluster(options.settings(), {Scope::one_record, record});
-    const Node *node = kind == "node" ? cluster.node(*uid_from(name)) : nullptr;
-    const Datastore *datastore = kind == "datastore" ? cluster.datastore(name) : nullptr;
-    const VDisk *vdisk = kind == "vdisk" ? cluster.vdisk(name) : nullptr;
-    if (!node && !datastore && !vdisk)
-        give_up(fmt::format("there is no {} {} in the tree {}; mwctl {}s lists them", kind, name,
-                            cluster.settings.work_directory, kind));
-    std::vector<Trouble> troubles = confirmed_troubles(cluster);
-    node = kind == "node" ? cluster.node(*uid_from(name)) : nullptr;
-    datastore = kind == "datastore" ? cluster.datastore(name) : nullptr;
-    vdisk = kind == "vdisk" ? cluster.vdisk(name) : nullptr;
-    if (!node && !datastore && !vdisk)
-        give_up(fmt::format("{} {} has gone in this moment", kind, name));
-    const Lock *lock = cluster.lock(record);
-    if (options.json) {
-        print_json({{kind, node    ? node_json(cluster, *node)
-                           : vdisk ? vdisk_json(*vdisk)
-                                   : datastore_json(*datastore)},
-                    {"lock", lock ? lock_json(*lock) : Json()},
-                    {"troubles", json_list(troubles, trouble_json)}});
-        return STATUS_DONE;
-    }
-    Style style = options.style();
-    print(node    ? node_text(cluster, *node, style)
-          : vdisk ? vdisk_text(cluster, *vdisk, style)
-                  : datastore_text(cluster, *datastore, style));
-    print(section(style, "locked", lock_text(lock)));
-    print(section(style, "troubles", troubles_text(troubles, style)));
-    return STATUS_DONE;
+    Subject subject{read_cluster(settings, {Scope::one_record, record}), record, kind, {}, {}, {}, "", "", {}};
+    subject.troubles = confirmed_troubles(subject.cluster);
+    if (!describe(subject, name, options.style()))
+        give_up_absent(settings, record);
+    if (options.json)
+        print_json(to_json(subject));
+    else
+        print_text(subject, options.style());
 }
 
-void add_show(CLI::App &app, Options &options, int &status)
+void add_show(CLI::App &app, Options &options, int &)
 {
-    CLI::App *show =
-        app.add_subcommand("show", "Everything of one record: attributes, links both ways, lock, troubles");
-    show->require_subcommand(1);
-    show->footer("Example:\n  mwctl show vdisk v1");
-    for (const char *kind : {"node", "datastore", "vdisk"}) {
-        CLI::App *command = show->add_subcommand(kind, fmt::format("Everything of one {}", kind));
+    struct Target {
+        const char *kind, *metavariable, *description, *footer;
+        Describe describe;
+    };
+    static constexpr Target targets[] = {
+        {"node", "N", "Everything of one node", "Example:\n  mwctl show node 7", describe_node},
+        {"datastore", "D", "Everything of one datastore", "Example:\n  mwctl show datastore ds1", describe_datastore},
+        {"vdisk", "V", "Everything of one VDisk", "Example:\n  mwctl --json show vdisk v1", describe_vdisk},
+    };
+    CLI::App *command =
+        app.add_subcommand("show", "Everything of one record: attributes, members, links, lock, troubles");
+    command->require_subcommand(1);
+    command->footer("Examples:\n  mwctl show node 7\n  mwctl show vdisk v1");
+    for (const Target &target : targets) {
+        CLI::App *kind = command->add_subcommand(target.kind, target.description);
         auto name = std::make_shared<std::string>();
-        CLI::Option *option = command->add_option("name", *name, "Its name in the tree")->required();
-        if (kind == std::string("node"))
-            option->check(
-                [](const std::string &text) { return uid_from(text) ? "" : "'" + text + "' is no node's number"; });
-        command->footer(fmt::format("Example:\n  mwctl show {} {}", kind, kind == std::string("node") ? "7" : "x1"));
-        command->callback(
-            [&options, &status, kind = std::string(kind), name] { status = run_show(options, kind, *name); });
+        kind->add_option("NAME", *name, "The record's name")->type_name(target.metavariable)->required();
+        kind->footer(target.footer);
+        kind->callback([&options, &target, name] { run_show(options, target.kind, *name, target.describe); });
     }
 }
 

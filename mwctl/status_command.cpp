@@ -1,206 +1,159 @@
-/* status: one page that says what state, what is wrong, and which command mends it. */
+/* status: what is, what is wrong, and which command mends it. */
+#include "mwctl/status_page.h"
+
 #include "mwctl/command.h"
 #include "mwctl/failure.h"
-#include "mwctl/render.h"
+#include "mwctl/figures.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <cmath>
 #include <csignal>
-#include <ctime>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace mwctl
 {
 
-/* Peers that the page names one by one; of more it names those that were silent longest. */
-constexpr size_t PEERS_SHOWN = 8;
-
-struct View {
+struct Report {
     Cluster cluster;
     std::vector<Trouble> troubles;
-    std::vector<const Node *> local, peers; /* peers by age, the longest silent first */
-    size_t plain = 0, snapshots = 0;
 };
 
-static View look(Settings settings)
+static Report make_report(const Settings &settings)
 {
-    View view{read_cluster(std::move(settings), {Scope::summary, ""}), {}, {}, {}};
-    view.troubles = confirmed_troubles(view.cluster);
-    for (const auto &[uid, node] : view.cluster.nodes)
-        (view.cluster.local(node) ? view.local : view.peers).push_back(&node);
-    std::stable_sort(view.peers.begin(), view.peers.end(), [&](const Node *a, const Node *b) {
-        return view.cluster.age(*a).value_or(0) > view.cluster.age(*b).value_or(0);
-    });
-    for (const auto &[uuid, vdisk] : view.cluster.vdisks)
-        (vdisk.snapshot() ? view.snapshots : view.plain)++;
-    return view;
+    Report report{read_cluster(settings, {Scope::summary, ""}), {}};
+    report.troubles = confirmed_troubles(report.cluster);
+    return report;
 }
 
-static std::string daemon_text(const Cluster &cluster, const Style &style)
+static Json to_json(const Report &report)
 {
-    const Daemon &daemon = cluster.daemon;
-    if (!daemon.running)
-        return fmt::format("{}not running{}", style.red, style.reset);
-    double up = static_cast<double>(cluster.now - daemon.since);
-    std::string drops = daemon.drops == 0
-                            ? "no datagram dropped"
-                            : fmt::format("{}{} datagrams dropped{}", style.yellow, daemon.drops, style.reset);
-    return fmt::format("running for {} as process {}, {:.1f} s of CPU, {} of memory, {}", human_age(up), daemon.pid,
-                       daemon.cpu_seconds, human_size(daemon.rss_bytes), drops);
-}
-
-/* What keeps a local node's publication back, as its troubles tell; else how full its next PING is. */
-static std::string publication_of(const View &view, const Node &node)
-{
-    std::string record = record_name("node", std::to_string(node.uid));
-    for (const Trouble &trouble : view.troubles)
-        if (trouble.severity == Severity::error && trouble.record == record)
-            return fmt::format("kept back: {}", trouble.code);
-    for (const Link &link : node.vdisks.links)
-        for (const Trouble &trouble : view.troubles)
-            if (trouble.severity == Severity::error && trouble.record == record_name("vdisk", link.name))
-                return fmt::format("PING kept back: {} {}", trouble.code, trouble.record);
-    std::optional<size_t> bytes = ping_bytes(view.cluster, node);
-    if (!view.cluster.daemon.running)
-        return "nothing is sent: the daemon is down";
-    return bytes ? fmt::format("PING of {} bytes every {} s", *bytes, view.cluster.settings.ping_interval)
-                 : "PING unknown";
-}
-
-static std::string local_nodes_text(const View &view, const Style &style)
-{
-    Table table({"NODE", "DATASTORE", "VDISKS", "FREESPACE", "UTILIZATION", "PUBLISHED"});
-    for (const Node *node : view.local)
-        table.add({std::to_string(node->uid), node->value("datastoremember").text,
-                   std::to_string(node->vdisks.links.size()), node->value("freespace").text,
-                   node->value("utilization").text, publication_of(view, *node)});
-    return table.empty() ? "  none\n" : table.render(style, "  ");
-}
-
-static std::string peers_text(const View &view, const Style &style)
-{
-    Table table({"NODE", "HEARD", "ADDRESS", "VERSION", "DATASTORE", "VDISKS", "FREESPACE"});
-    for (size_t i = 0; i < std::min(view.peers.size(), PEERS_SHOWN); i++) {
-        const Node &node = *view.peers[i];
-        std::optional<double> age = view.cluster.age(node);
-        table.add({std::to_string(node.uid), age ? human_age(*age) + (*age < 0 ? "" : " ago") : "never",
-                   node.value("ipaddr").text, node.value("version").text, node.value("datastoremember").text,
-                   std::to_string(node.vdisks.links.size()), node.value("freespace").text});
-    }
-    std::string text = table.empty() ? "  none\n" : table.render(style, "  ");
-    if (view.peers.size() > PEERS_SHOWN)
-        text += fmt::format("  and {} more, heard later than these; mwctl nodes lists all\n",
-                            view.peers.size() - PEERS_SHOWN);
-    return text;
-}
-
-/* The figures that the members state, added up as they stand: their unit is the storage programs' own. */
-static std::string datastores_text(const View &view, const Style &style)
-{
-    Table table({"DATASTORE", "NAME", "MEMBERS", "VDISKS", "FREESPACE", "ALLOCATED"});
-    for (const auto &[uuid, datastore] : view.cluster.datastores) {
-        uint64_t free = 0, allocated = 0;
-        for (const Link &link : datastore.members.links)
-            if (const Node *node = view.cluster.node(uid_from(link.name).value_or(0))) {
-                free += node->number("freespace");
-                allocated += node->number("allocatedspace");
-            }
-        table.add({uuid, datastore.value("name").text, std::to_string(datastore.members.links.size()),
-                   std::to_string(datastore.vdisks.links.size()), std::to_string(free), std::to_string(allocated)});
-    }
-    return table.empty() ? "  none\n" : table.render(style, "  ");
-}
-
-static std::string heading(const Style &style, const std::string &text)
-{
-    return fmt::format("\n{}{}{}\n", style.bold, text, style.reset);
-}
-
-static std::string page(const View &view, const Style &style)
-{
-    const Cluster &cluster = view.cluster;
-    auto errors = std::count_if(view.troubles.begin(), view.troubles.end(),
-                                [](const Trouble &trouble) { return trouble.severity == Severity::error; });
-    std::string state = view.troubles.empty() ? fmt::format("{}healthy{}", style.green, style.reset)
-                        : errors > 0          ? fmt::format("{}in trouble{}", style.red, style.reset)
-                                              : fmt::format("{}working, with warnings{}", style.yellow, style.reset);
-    std::string text = fmt::format("  host: {}\n state: {}\ndaemon: {}\n  tree: {}\n", printable(cluster.host), state,
-                                   daemon_text(cluster, style), printable(cluster.settings.work_directory));
-    text += heading(style, "nodes of this host") + local_nodes_text(view, style);
-    text += heading(style, fmt::format("peers ({})", view.peers.size())) + peers_text(view, style);
-    text += heading(style, "datastores") + datastores_text(view, style);
-    text += heading(style, "VDisks") + fmt::format("  {} plain, {} snapshots\n", view.plain, view.snapshots);
-    text += heading(style, "troubles");
-    if (view.troubles.empty())
-        return text + "  none that can be seen without reading every file; mwctl check reads them all\n";
-    return text + troubles_text(view.troubles, style) +
-           "\nmwctl check reads every file; each code has its cause and remedy in mwctl(8)\n";
-}
-
-static Json document(const View &view)
-{
-    auto node = [&](const Node *one) {
-        return node_json(view.cluster, *one);
+    const Cluster &cluster = report.cluster;
+    auto nodes = [&](const std::vector<const Node *> &list) {
+        return json_list(list, [&](const Node *node) { return node_json(cluster, *node); });
     };
-    return {{"host", utf8(view.cluster.host)},
-            {"healthy", view.troubles.empty()},
-            {"daemon", daemon_json(view.cluster.daemon)},
-            {"local_nodes", json_list(view.local, node)},
-            {"peers", json_list(view.peers, node)},
-            {"datastores",
-             json_list(view.cluster.datastores, [](const auto &entry) { return datastore_json(entry.second); })},
-            {"vdisks", {{"plain", view.plain}, {"snapshots", view.snapshots}, {"total", view.cluster.vdisks.size()}}},
-            {"troubles", json_list(view.troubles, trouble_json)}};
+    VDiskCounts counts = count_vdisks(cluster);
+    return {{"host", utf8(cluster.host)},
+            {"healthy", report.troubles.empty()},
+            {"daemon", daemon_json(cluster.daemon)},
+            {"local_nodes", nodes(local_nodes(cluster))},
+            {"peers", nodes(peers(cluster))},
+            {"datastores", json_list(cluster.datastores, [](const auto &pair) { return datastore_json(pair.second); })},
+            {"vdisks",
+             {{"plain", counts.plain},
+              {"snapshots", counts.snapshots},
+              {"unknown", counts.unknown},
+              {"total", counts.total()}}},
+            {"troubles", json_list(report.troubles, trouble_json)}};
 }
 
-static int show_once(const Options &options, const Settings &settings, const char *before)
+static int run_status(const Options &options)
 {
-    View view = look(settings);
+    Report report = make_report(options.settings());
     if (options.json)
-        print_json(document(view));
+        print_json(to_json(report));
     else
-        print(before + page(view, options.style()) + (before[0] ? "\033[J" : ""));
-    return view.troubles.empty() ? STATUS_DONE : STATUS_TROUBLE;
+        print(status_page(report.cluster, report.troubles, options.style()));
+    return report.troubles.empty() ? STATUS_DONE : STATUS_TROUBLE;
 }
 
-static volatile sig_atomic_t interrupted;
-
-/* Page after page until SIGINT; on a terminal each over the last, without clearing it first, so that nothing flickers.
- */
-static int watch(const Options &options, double seconds)
+/* A terminal's second screen for as long as the scope lasts: what stood on the first one comes back. */
+class SecondScreen
 {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {
-        interrupted = 1;
-    };
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    Settings settings = options.settings();
-    bool terminal = isatty(STDOUT_FILENO);
-    if (terminal)
-        print("\033[2J");
-    while (!interrupted) {
-        show_once(options, settings, terminal && !options.json ? "\033[H" : "");
-        struct timespec pause = {
-            static_cast<time_t>(seconds),
-            static_cast<long>((seconds - static_cast<double>(static_cast<time_t>(seconds))) * 1e9)};
-        nanosleep(&pause, nullptr);
+  public:
+    SecondScreen()
+    {
+        print("\033[?1049h\033[?25l\033[?7l"); /* the screen; no cursor; long lines are cut */
     }
-    return STATUS_DONE;
+    ~SecondScreen()
+    {
+        static constexpr std::string_view leave = "\033[?7h\033[?25h\033[?1049l";
+        if (write(STDOUT_FILENO, leave.data(), leave.size()) < 0)
+            return; /* the terminal is gone, and with it what had to be put back */
+    }
+    SecondScreen(const SecondScreen &) = delete;
+    SecondScreen &operator=(const SecondScreen &) = delete;
+
+    /* Draws over what stands there, in one write, so that nothing flickers. */
+    void draw(std::string_view text)
+    {
+        struct winsize size;
+        size_t rows = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 1 ? size.ws_row : 24;
+        std::string frame = "\033[H";
+        for (size_t row = 1; row < rows && !text.empty(); row++) {
+            size_t end = std::min(text.find('\n'), text.size());
+            frame += fmt::format("{}\033[K\r\n", text.substr(0, end));
+            text.remove_prefix(std::min(end + 1, text.size()));
+        }
+        print(frame + "\033[J" + (text.empty() ? "" : "... (a taller window shows the rest)"));
+    }
+};
+
+/* The signals that end the watch, held back so that only wait_for_end sees them. */
+static sigset_t hold_ending_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signals, number);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+/* Waits so long for one of them. Returns its number, 0 if none came. */
+static int wait_for_end(const sigset_t &signals, double seconds)
+{
+    struct timespec timeout;
+    timeout.tv_sec = static_cast<time_t>(seconds);
+    timeout.tv_nsec = static_cast<long>((seconds - std::floor(seconds)) * 1e9);
+    return std::max(sigtimedwait(&signals, nullptr, &timeout), 0);
+}
+
+static void print_frame(const Options &options, const Report &report, std::optional<SecondScreen> &screen, double every)
+{
+    if (options.json) {
+        print_json_line(to_json(report));
+        return;
+    }
+    std::string page = status_page(report.cluster, report.troubles, options.style());
+    if (!screen) {
+        print(fmt::format("{}\n{}\n", iso_time(report.cluster.now), page));
+        return;
+    }
+    screen->draw(fmt::format("Every {:g} s: mwctl status, {}\n\n{}", every, iso_time(report.cluster.now), page));
+}
+
+static int watch_status(const Options &options, double every)
+{
+    Settings settings = options.settings();
+    sigset_t signals = hold_ending_signals();
+    int end;
+    {
+        std::optional<SecondScreen> screen;
+        do {
+            reread_tables(settings);
+            Report report = make_report(settings);
+            if (!options.json && !screen && isatty(STDOUT_FILENO))
+                screen.emplace();
+            print_frame(options, report, screen, every);
+        } while ((end = wait_for_end(signals, every)) == 0);
+    }
+    return end == SIGINT ? STATUS_DONE : 128 + end;
 }
 
 void add_status(CLI::App &app, Options &options, int &status)
 {
-    CLI::App *command = app.add_subcommand("status", "One page: what state, what is wrong, which command mends it");
-    auto seconds = std::make_shared<double>(2);
-    CLI::Option *again = command->add_option("--watch", *seconds, "Redraw every SECONDS, 2 unless told, until SIGINT")
+    CLI::App *command = app.add_subcommand("status", "One page: what is, what is wrong, and which command mends it");
+    auto every = std::make_shared<double>(2);
+    CLI::Option *watch = command->add_option("--watch", *every, "Again and again, every so many seconds")
+                             ->type_name("[SECONDS=2]")
                              ->expected(0, 1)
-                             ->check(CLI::Range(0.1, 86400.0))
-                             ->type_name("SECONDS");
-    command->footer("Examples:\n  mwctl status\n  mwctl status --watch=5");
-    command->callback([&options, &status, seconds, again] {
-        status = again->count() > 0 ? watch(options, *seconds) : show_once(options, options.settings(), "");
+                             ->default_str("2")
+                             ->check(CLI::Range(0.1, 86400.0));
+    command->footer("Examples:\n  mwctl status\n  mwctl status --watch=5\n  mwctl --json status | jq .troubles");
+    command->callback([&options, &status, every, watch] {
+        status = watch->count() > 0 ? watch_status(options, *every) : run_status(options);
     });
 }
 

@@ -1,224 +1,374 @@
-/* nodes, datastores, vdisks: a line a record. */
+/* nodes, datastores, vdisks: one line a record. */
 #include "mwctl/command.h"
 #include "mwctl/failure.h"
+#include "mwctl/figures.h"
+#include "mwctl/near_names.h"
 #include "mwctl/render.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 namespace mwctl
 {
 
 struct TableOptions {
-    std::optional<uint32_t> node;
-    std::optional<std::string> datastore;
-    std::string sort;
+    std::string node, datastore, sort;
     bool exact = false;
 };
 
-/* A cell: how it reads, and what it sorts by where that is a number. */
+/* A cell: for people, as the record has it, and what it is sorted by. */
 struct Cell {
     std::string text;
-    std::optional<double> key;
+    std::string exact;
+    std::optional<double> number = {}; /* before everything that has none */
 };
 
-struct Row {
-    std::vector<Cell> cells;
-    Json document;
+static Cell text_cell(const std::string &text)
+{
+    std::string shown = text.empty() ? "-" : text;
+    return {shown, shown};
+}
+
+static Cell value_cell(const Value &value)
+{
+    return text_cell(value.good() ? value.text : "");
+}
+
+static Cell number_cell(std::optional<uint64_t> number)
+{
+    if (!number)
+        return text_cell("");
+    std::string text = std::to_string(*number);
+    return {text, text, static_cast<double>(*number)};
+}
+
+static Cell size_cell(std::optional<uint64_t> bytes)
+{
+    return bytes ? Cell{human_size(*bytes), std::to_string(*bytes), static_cast<double>(*bytes)} : text_cell("");
+}
+
+static Cell age_cell(std::optional<double> seconds)
+{
+    return seconds ? Cell{human_age(*seconds), fmt::format("{:.0f}", *seconds), *seconds} : text_cell("");
+}
+
+static Cell sum_cell(const Sum &sum)
+{
+    return {sum.text(), sum.text(), sum.known ? std::optional(static_cast<double>(sum.total)) : std::nullopt};
+}
+
+static Cell nodes_cell(const std::vector<uint32_t> &uids)
+{
+    constexpr size_t shown = 4;
+    std::string all = fmt::format("{}", fmt::join(uids, ","));
+    std::string text = all;
+    if (uids.size() > shown)
+        text = fmt::format("{},+{}", fmt::join(uids.begin(), uids.begin() + shown, ","), uids.size() - shown);
+    return {text.empty() ? "-" : text, all.empty() ? "-" : all, static_cast<double>(uids.size())};
+}
+
+/* What the columns of a table look at. */
+struct View {
+    Cluster cluster;
+    std::map<std::string, Capacity> space;
 };
 
-/* A value of the record as it stands, "-" for one that cannot be read. */
-static Cell value_cell(Kind kind, const Values &values, std::string_view key)
+template <typename Record> struct Column {
+    const char *heading;
+    Cell (*cell)(const View &view, const Record &record);
+};
+
+static const std::vector<Column<Node>> node_columns = {
+    {"NODE",
+     [](const View &, const Node &node) {
+         return number_cell(node.uid);
+     }},
+    {"PLACE",
+     [](const View &view, const Node &node) {
+         return text_cell(view.cluster.local(node) ? "here" : "peer");
+     }},
+    {"AGE",
+     [](const View &view, const Node &node) {
+         return age_cell(view.cluster.age(node));
+     }},
+    {"ADDRESS",
+     [](const View &, const Node &node) {
+         return value_cell(node.value("ipaddr"));
+     }},
+    {"VERSION",
+     [](const View &, const Node &node) {
+         return value_cell(node.value("version"));
+     }},
+    {"DATASTORE",
+     [](const View &, const Node &node) {
+         return value_cell(node.value("datastoremember"));
+     }},
+    {"VDISKS",
+     [](const View &, const Node &node) {
+         return number_cell(node.vdisks.links.size());
+     }},
+    {"SIZE",
+     [](const View &, const Node &node) {
+         return number_cell(figure_of(node, "size"));
+     }},
+    {"FREE",
+     [](const View &, const Node &node) {
+         return number_cell(figure_of(node, "freespace"));
+     }},
+    {"UTIL",
+     [](const View &, const Node &node) {
+         return number_cell(figure_of(node, "utilization"));
+     }},
+};
+
+static const Capacity &space_of(const View &view, const Datastore &datastore)
 {
-    const Value &value = value_of(kind, values, key);
-    if (!value.good())
-        return {"-", {}};
-    const Attribute &attribute = attributes(kind)[static_cast<size_t>(attribute_index(kind, key))];
-    if (attribute.form != Form::number)
-        return {value.text, {}};
-    uint64_t number = value_number(attribute, value);
-    return {std::to_string(number), static_cast<double>(number)};
+    static const Capacity none;
+    auto found = view.space.find(datastore.uuid);
+    return found == view.space.end() ? none : found->second;
 }
 
-static Cell count_cell(size_t count)
+static const std::vector<Column<Datastore>> datastore_columns = {
+    {"DATASTORE",
+     [](const View &, const Datastore &datastore) {
+         return text_cell(datastore.uuid);
+     }},
+    {"NAME",
+     [](const View &, const Datastore &datastore) {
+         return value_cell(datastore.value("name"));
+     }},
+    {"MEMBERS",
+     [](const View &, const Datastore &datastore) {
+         return number_cell(datastore.members.links.size());
+     }},
+    {"VDISKS",
+     [](const View &, const Datastore &datastore) {
+         return number_cell(datastore.vdisks.links.size());
+     }},
+    {"REPLICAS",
+     [](const View &, const Datastore &datastore) {
+         return value_cell(datastore.value("replicas"));
+     }},
+    {"SIZE",
+     [](const View &view, const Datastore &datastore) {
+         return sum_cell(space_of(view, datastore).size);
+     }},
+    {"FREE",
+     [](const View &view, const Datastore &datastore) {
+         return sum_cell(space_of(view, datastore).free);
+     }},
+    {"ALLOCATED",
+     [](const View &view, const Datastore &datastore) {
+         return sum_cell(space_of(view, datastore).allocated);
+     }},
+};
+
+static Cell parent_cell(const View &, const VDisk &vdisk)
 {
-    return {std::to_string(count), static_cast<double>(count)};
+    return vdisk.snapshot() ? value_cell(vdisk.value("parent")) : text_cell("");
 }
 
-static Cell age_cell(std::optional<double> age, bool exact)
+/* In a transaction, with members that have not reported it here, or complete. */
+static Cell state_cell(const View &, const VDisk &vdisk)
 {
-    if (!age)
-        return {"-", {}};
-    return {exact ? fmt::format("{:.0f}", *age) : human_age(*age), *age};
-}
-
-static Cell capacity_cell(const VDisk &vdisk, bool exact)
-{
-    if (!vdisk.value("sectors").good() || !vdisk.value("sector_size").good())
-        return {"-", {}};
-    uint64_t bytes;
-    if (__builtin_mul_overflow(vdisk.number("sectors"), vdisk.number("sector_size"), &bytes))
-        bytes = UINT64_MAX;
-    return {exact ? std::to_string(bytes) : human_size(bytes), static_cast<double>(bytes)};
-}
-
-static bool has_link(const LinkDirectory &directory, const std::string &name)
-{
-    return std::any_of(directory.links.begin(), directory.links.end(),
-                       [&](const Link &link) { return link.name == name; });
-}
-
-static const std::vector<std::string> node_columns = {"NODE",      "PLACE",  "AGE",       "ADDRESS",    "VERSION",
-                                                      "DATASTORE", "VDISKS", "FREESPACE", "UTILIZATION"};
-
-static std::vector<Row> node_rows(const Cluster &cluster, const TableOptions &wanted)
-{
-    std::vector<Row> rows;
-    for (const auto &[uid, node] : cluster.nodes) {
-        if ((wanted.node && *wanted.node != uid) ||
-            (wanted.datastore && node.value("datastoremember").text != *wanted.datastore))
-            continue;
-        rows.push_back({{count_cell(uid),
-                         {cluster.local(node) ? "here" : "peer", {}},
-                         age_cell(cluster.age(node), wanted.exact),
-                         value_cell(Kind::node, node.values, "ipaddr"),
-                         value_cell(Kind::node, node.values, "version"),
-                         value_cell(Kind::node, node.values, "datastoremember"),
-                         count_cell(node.vdisks.links.size()),
-                         value_cell(Kind::node, node.values, "freespace"),
-                         value_cell(Kind::node, node.values, "utilization")},
-                        node_json(cluster, node)});
-    }
-    return rows;
-}
-
-static const std::vector<std::string> datastore_columns = {"DATASTORE", "NAME",     "MEMBERS", "VDISKS",
-                                                           "SECTOR",    "REPLICAS", "STRIPES", "OVERCOMMIT"};
-
-static std::vector<Row> datastore_rows(const Cluster &cluster, const TableOptions &wanted)
-{
-    std::vector<Row> rows;
-    for (const auto &[uuid, datastore] : cluster.datastores) {
-        if ((wanted.datastore && *wanted.datastore != uuid) ||
-            (wanted.node && !has_link(datastore.members, std::to_string(*wanted.node))))
-            continue;
-        Row row{{{uuid, {}},
-                 value_cell(Kind::datastore, datastore.values, "name"),
-                 count_cell(datastore.members.links.size()),
-                 count_cell(datastore.vdisks.links.size())},
-                datastore_json(datastore)};
-        for (const char *key : {"sector_size", "replicas", "stripes", "overcommit"})
-            row.cells.push_back(value_cell(Kind::datastore, datastore.values, key));
-        rows.push_back(std::move(row));
-    }
-    return rows;
-}
-
-static const std::vector<std::string> vdisk_columns = {"VDISK",      "KIND",    "NAME",  "SIZE",
-                                                       "GENERATION", "MEMBERS", "STATE", "DATASTORE"};
-
-/* In a transaction, with members that have not reported, or complete. */
-static std::string state_of(const VDisk &vdisk)
-{
-    if (vdisk.number("transaction_id") != 0)
-        return fmt::format("transaction {}", vdisk.number("transaction_id"));
+    if (uint64_t transaction = vdisk.number("transaction_id"))
+        return text_cell(fmt::format("transaction {}", transaction));
     std::vector<uint32_t> uids = vdisk.membership();
-    auto silent = std::count_if(uids.begin(), uids.end(), [&](uint32_t uid) { return !vdisk.member(uid); });
-    return silent == 0 ? "complete"
-                       : fmt::format("{} of {} reported", uids.size() - static_cast<size_t>(silent), uids.size());
+    auto missing = std::count_if(uids.begin(), uids.end(), [&](uint32_t uid) { return !vdisk.member(uid); });
+    return text_cell(missing ? fmt::format("{} missing", missing) : "complete");
 }
 
-static bool names_member(const VDisk &vdisk, uint32_t uid)
-{
-    std::vector<uint32_t> uids = vdisk.membership();
-    return vdisk.member(uid) || std::find(uids.begin(), uids.end(), uid) != uids.end();
-}
-
-static std::vector<Row> vdisk_rows(const Cluster &cluster, const TableOptions &wanted)
-{
-    std::vector<Row> rows;
-    for (const auto &[uuid, vdisk] : cluster.vdisks) {
-        if ((wanted.node && !names_member(vdisk, *wanted.node)) ||
-            (wanted.datastore && vdisk.datastore_name() != *wanted.datastore))
-            continue;
-        rows.push_back({{{uuid, {}},
-                         {vdisk.snapshot() ? fmt::format("snapshot of {}", vdisk.value("parent").text) : "plain", {}},
-                         value_cell(Kind::vdisk, vdisk.values, "name"),
-                         capacity_cell(vdisk, wanted.exact),
-                         value_cell(Kind::vdisk, vdisk.values, "highest_gen_count"),
-                         {fmt::format("{}", fmt::join(vdisk.membership(), ",")), {}},
-                         {state_of(vdisk), {}},
-                         {vdisk.datastore_name().empty() ? "-" : vdisk.datastore_name(), {}}},
-                        vdisk_json(vdisk)});
-    }
-    return rows;
-}
-
-struct Listing {
-    const char *command;
-    const char *description;
-    const std::vector<std::string> &columns;
-    std::vector<Row> (*rows)(const Cluster &, const TableOptions &);
-    Scope::Extent extent;
+static const std::vector<Column<VDisk>> vdisk_columns = {
+    {"VDISK",
+     [](const View &, const VDisk &vdisk) {
+         return text_cell(vdisk.uuid);
+     }},
+    {"NAME",
+     [](const View &, const VDisk &vdisk) {
+         return value_cell(vdisk.value("name"));
+     }},
+    {"SIZE",
+     [](const View &, const VDisk &vdisk) {
+         return size_cell(vdisk_bytes(vdisk));
+     }},
+    {"DATASTORE",
+     [](const View &, const VDisk &vdisk) {
+         return text_cell(vdisk.datastore_name());
+     }},
+    {"MEMBERS",
+     [](const View &, const VDisk &vdisk) {
+         return nodes_cell(vdisk.membership());
+     }},
+    {"GENERATION",
+     [](const View &, const VDisk &vdisk) {
+         return value_cell(vdisk.value("highest_gen_count"));
+     }},
+    {"STATE", state_cell},
+    {"PARENT", parent_cell},
 };
 
-static const Listing listings[] = {
-    {"nodes", "The nodes of the cluster, a line each", node_columns, node_rows, Scope::summary},
-    {"datastores", "The datastores, a line each", datastore_columns, datastore_rows, Scope::summary},
-    {"vdisks", "The virtual disks, a line each", vdisk_columns, vdisk_rows, Scope::whole},
-};
-
-static void sort_rows(std::vector<Row> &rows, const Listing &listing, std::string column)
+/* Orders by the column named in `sort`, downwards with a "-" before it. Refuses what is no column. */
+template <typename Record>
+static void sort_records(std::vector<const Record *> &records, const View &view,
+                         const std::vector<Column<Record>> &columns, std::string sort)
 {
-    std::transform(column.begin(), column.end(), column.begin(), [](unsigned char c) { return std::toupper(c); });
-    auto found = std::find(listing.columns.begin(), listing.columns.end(), column);
-    if (found == listing.columns.end())
-        refuse(fmt::format("{} has no column {}; there are: {}", listing.command, column,
-                           fmt::join(listing.columns, ", ")));
-    auto index = static_cast<size_t>(found - listing.columns.begin());
-    std::stable_sort(rows.begin(), rows.end(), [&](const Row &a, const Row &b) {
-        const Cell &x = a.cells[index], &y = b.cells[index];
-        if (x.key && y.key)
-            return *x.key < *y.key;
-        return x.key.has_value() != y.key.has_value() ? x.key.has_value() : x.text < y.text;
+    if (sort.empty())
+        return;
+    bool downwards = sort.starts_with('-');
+    std::transform(sort.begin(), sort.end(), sort.begin(), [](unsigned char c) { return toupper(c); });
+    auto column = std::find_if(columns.begin(), columns.end(), [&](const Column<Record> &candidate) {
+        return std::string_view(sort).substr(downwards ? 1 : 0) == candidate.heading;
     });
+    if (column == columns.end()) {
+        std::string names;
+        for (const Column<Record> &candidate : columns)
+            names += std::string(names.empty() ? "" : ", ") + candidate.heading;
+        refuse(fmt::format("there is no column {} to sort by; the columns are {}", sort, names));
+    }
+    using Keyed = std::pair<Cell, const Record *>;
+    std::vector<Keyed> keyed;
+    for (const Record *record : records)
+        keyed.emplace_back(column->cell(view, *record), record);
+    auto less = [](const Cell &a, const Cell &b) {
+        return a.number && b.number ? *a.number < *b.number
+                                    : std::tuple(!a.number, a.exact) < std::tuple(!b.number, b.exact);
+    };
+    std::stable_sort(keyed.begin(), keyed.end(), [&](const Keyed &a, const Keyed &b) {
+        return downwards ? less(b.first, a.first) : less(a.first, b.first);
+    });
+    std::transform(keyed.begin(), keyed.end(), records.begin(), [](const Keyed &pair) { return pair.second; });
 }
 
-static int run_listing(const Options &options, const Listing &listing, const TableOptions &wanted)
+template <typename Record>
+static std::string table_text(const std::vector<const Record *> &records, const View &view,
+                              const std::vector<Column<Record>> &columns, bool exact, const Style &style)
 {
-    Cluster cluster = read_cluster(options.settings(), {listing.extent, ""});
-    std::vector<Row> rows = listing.rows(cluster, wanted);
-    if (!wanted.sort.empty())
-        sort_rows(rows, listing, wanted.sort);
-    if (options.json) {
-        print_json({{listing.command, json_list(rows, [](const Row &row) { return row.document; })}});
-        return STATUS_DONE;
-    }
-    Table table(listing.columns);
-    for (const Row &row : rows) {
+    std::vector<std::string> headings;
+    for (const Column<Record> &column : columns)
+        headings.push_back(column.heading);
+    Table table(headings);
+    for (const Record *record : records) {
         std::vector<std::string> cells;
-        for (const Cell &cell : row.cells)
-            cells.push_back(cell.text);
+        for (const Column<Record> &column : columns) {
+            Cell cell = column.cell(view, *record);
+            cells.push_back(exact ? cell.exact : cell.text);
+        }
         table.add(std::move(cells));
     }
-    print(table.render(options.style()));
-    return STATUS_DONE;
+    return table.render(style);
 }
 
-void add_tables(CLI::App &app, Options &options, int &status)
-{
-    for (const Listing &listing : listings) {
-        CLI::App *command = app.add_subcommand(listing.command, listing.description);
-        auto wanted = std::make_shared<TableOptions>();
-        command->add_option("--node", wanted->node, "Only what belongs to this node")->type_name("N");
-        command->add_option("--datastore", wanted->datastore, "Only what belongs to this datastore")->type_name("D");
-        command->add_option("--sort", wanted->sort, "The column to sort by, in either case")->type_name("COLUMN");
-        command->add_flag("--exact", wanted->exact, "Bytes and seconds instead of human units");
-        command->footer(fmt::format("Example:\n  mwctl {0} --sort {1}", listing.command, listing.columns[2]));
-        command->callback([&options, &status, &listing, wanted] { status = run_listing(options, listing, *wanted); });
+/* The node and the datastore that the table is narrowed to. Gives up if they are not in the tree. */
+struct Filter {
+    std::optional<uint32_t> node;
+    std::string datastore;
+
+    Filter(const Cluster &cluster, const TableOptions &wanted) : datastore(wanted.datastore)
+    {
+        if (!wanted.node.empty()) {
+            node = node_number(wanted.node);
+            if (!cluster.node(*node))
+                give_up_absent(cluster.settings, record_name("node", wanted.node));
+        }
+        if (!datastore.empty() && !cluster.datastore(datastore))
+            give_up_absent(cluster.settings, record_name("datastore", datastore));
     }
+
+    bool takes(const Node &record) const
+    {
+        const Value &member = record.value("datastoremember");
+        return (!node || *node == record.uid) && (datastore.empty() || (member.good() && member.text == datastore));
+    }
+    bool takes(const Datastore &record) const
+    {
+        return (!node || record.members.find(std::to_string(*node))) && (datastore.empty() || record.uuid == datastore);
+    }
+    bool takes(const VDisk &record) const
+    {
+        std::vector<uint32_t> uids = record.membership();
+        return (!node || record.member(*node) || std::find(uids.begin(), uids.end(), *node) != uids.end()) &&
+               (datastore.empty() || record.datastore_name() == datastore);
+    }
+};
+
+static Json json_of(const View &view, const Node &node)
+{
+    return node_json(view.cluster, node);
+}
+
+static Json json_of(const View &, const Datastore &datastore)
+{
+    return datastore_json(datastore);
+}
+
+static Json json_of(const View &, const VDisk &vdisk)
+{
+    return vdisk_json(vdisk);
+}
+
+template <typename Key, typename Record>
+static void print_table(const View &view, const std::map<Key, Record> &all, const char *name,
+                        const std::vector<Column<Record>> &columns, const Options &options, const TableOptions &wanted)
+{
+    Filter filter(view.cluster, wanted);
+    std::vector<const Record *> records;
+    for (const auto &[key, record] : all)
+        if (filter.takes(record))
+            records.push_back(&record);
+    sort_records(records, view, columns, wanted.sort);
+    if (options.json)
+        print_json({{name, json_list(records, [&](const Record *record) { return json_of(view, *record); })}});
+    else
+        print(table_text(records, view, columns, wanted.exact, options.style()));
+}
+
+static View read_view(const Options &options, Scope::Extent extent)
+{
+    View view{read_cluster(options.settings(), {extent, ""}), {}};
+    view.space = capacities(view.cluster);
+    return view;
+}
+
+static void run_nodes(const Options &options, const TableOptions &wanted)
+{
+    View view = read_view(options, Scope::summary);
+    print_table(view, view.cluster.nodes, "nodes", node_columns, options, wanted);
+}
+
+static void run_datastores(const Options &options, const TableOptions &wanted)
+{
+    View view = read_view(options, Scope::summary);
+    print_table(view, view.cluster.datastores, "datastores", datastore_columns, options, wanted);
+}
+
+static void run_vdisks(const Options &options, const TableOptions &wanted)
+{
+    View view = read_view(options, Scope::whole);
+    print_table(view, view.cluster.vdisks, "vdisks", vdisk_columns, options, wanted);
+}
+
+static void add_table(CLI::App &app, Options &options, const char *name, const char *description, const char *footer,
+                      void (*run)(const Options &options, const TableOptions &wanted))
+{
+    CLI::App *command = app.add_subcommand(name, description);
+    auto wanted = std::make_shared<TableOptions>();
+    command->add_option("--node", wanted->node, "Only what has to do with this node")->type_name("N");
+    command->add_option("--datastore", wanted->datastore, "Only what has to do with this datastore")->type_name("D");
+    command->add_option("--sort", wanted->sort, "By this column, with a - before it downwards")->type_name("COLUMN");
+    command->add_flag("--exact", wanted->exact, "Bytes and seconds instead of human units, lists whole");
+    command->footer(footer);
+    command->callback([&options, wanted, run] { run(options, *wanted); });
+}
+
+void add_tables(CLI::App &app, Options &options, int &)
+{
+    add_table(app, options, "nodes", "Every node, one line each",
+              "Examples:\n  mwctl nodes --sort=-age\n  mwctl nodes --datastore ds1", run_nodes);
+    add_table(app, options, "datastores", "Every datastore, one line each",
+              "Examples:\n  mwctl datastores\n  mwctl datastores --node 7", run_datastores);
+    add_table(app, options, "vdisks", "Every VDisk, one line each",
+              "Examples:\n  mwctl vdisks --node 7\n  mwctl vdisks --sort=-size --exact", run_vdisks);
 }
 
 } // namespace mwctl

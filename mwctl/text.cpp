@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace mwctl
@@ -73,6 +74,38 @@ size_t display_width(std::string_view text)
 {
     return static_cast<size_t>(
         std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
+}
+
+size_t terminal_width()
+{
+    struct winsize size;
+    return isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+std::string wrap(std::string_view text, size_t width, size_t indent)
+{
+    std::string result;
+    size_t column = indent;
+    while (!text.empty()) {
+        std::string_view word = text.substr(0, text.find(' '));
+        text.remove_prefix(std::min(word.size() + 1, text.size()));
+        bool first = result.empty();
+        if (!first && width > 0 && column + 1 + display_width(word) > width) {
+            result += "\n" + std::string(indent, ' ');
+            column = indent;
+        } else if (!first) {
+            result += ' ';
+            column++;
+        }
+        result += word;
+        column += display_width(word);
+    }
+    return result;
+}
+
+std::string count_of(size_t count, std::string_view noun)
+{
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
 std::string human_size(uint64_t bytes)

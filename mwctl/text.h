@@ -23,6 +23,16 @@ std::string utf8(std::string_view text);
 /* Columns that `text`, printable, takes on a terminal. */
 size_t display_width(std::string_view text);
 
+/* Columns of the terminal on stdout; 0 if it is none, where a line may be of any length. */
+size_t terminal_width();
+
+/* The text, printable already, in lines of at most `width` columns, broken at blanks; 0 for one line. Every line but
+ * the first stands behind `indent` blanks, and the first one is taken to begin there too. */
+std::string wrap(std::string_view text, size_t width, size_t indent);
+
+/* "1 node", "2 nodes". */
+std::string count_of(size_t count, std::string_view noun);
+
 /* Bytes in binary units with three digits: "0 B", "12.5 GiB". */
 std::string human_size(uint64_t bytes);
 

@@ -24,6 +24,7 @@ struct Trouble {
     std::string text;   /* one sentence */
     std::string action; /* what to type, or to decide */
     bool repairable = false;
+    std::set<uint32_t> holds_back; /* nodes of this host some or all of whose messages are not sent for it */
     /* The records to read again before this counts, none if it counts at once; and the files of the tree that a writer
      * at work would have changed between the two readings. */
     std::set<std::string> involved, witnesses;

@@ -57,6 +57,7 @@ static void judge_values(Judge &judge, const std::string &uuid, const std::vecto
                                  fmt::format("{}: no DS_PING of {} is sent, and peers do not learn who belongs to it",
                                              flaws.text(), nodes_text(uids)),
                                  action);
+    trouble.holds_back.insert(uids.begin(), uids.end());
     for (uint32_t uid : uids)
         trouble.involved.insert(record_name("node", std::to_string(uid)));
 }

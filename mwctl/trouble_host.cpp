@@ -145,10 +145,27 @@ static double lock_timeout(const Settings &settings, const Lock &lock)
     return ms / 1000.0;
 }
 
+/* The nodes of this host that need the lock for their messages. */
+static std::set<uint32_t> waiting_for(const Judge &judge, const Lock &lock)
+{
+    auto [kind, name] = split_record(lock.record);
+    std::set<uint32_t> uids;
+    for (const auto &[uid, node] : judge.cluster.nodes) {
+        bool needed = kind == "node" ? std::to_string(uid) == name
+                      : kind == "datastore"
+                          ? node.value("datastoremember").good() && node.value("datastoremember").text == name
+                          : node.vdisks.find(name) != nullptr;
+        if (needed && judge.published(node))
+            uids.insert(uid);
+    }
+    return uids;
+}
+
 void judge_locks(Judge &judge)
 {
     constexpr double number_due = 60; /* seconds after which a lock without a number in it is nobody's */
     for (const Lock &lock : judge.cluster.locks) {
+        size_t before = judge.troubles.size();
         std::string record = record_name("lock", lock.name), path = shell_word(lock.path);
         std::string effect = fmt::format("nobody can work on {}, and messages about it are lost", lock.record);
         if (lock.pid != 0 && !lock.alive)
@@ -163,6 +180,8 @@ void judge_locks(Judge &judge)
                       fmt::format("process {} ({}) holds it for {}, longer than the daemon waits: until it ends, {}",
                                   lock.pid, lock.command, human_age(lock.age_seconds), effect),
                       fmt::format("wait for process {}, or end it: kill {}", lock.pid, lock.pid));
+        if (judge.troubles.size() > before)
+            judge.troubles.back().holds_back = waiting_for(judge, lock);
     }
 }
 

@@ -12,6 +12,7 @@ struct LinkPlace {
     std::string record, path; /* "node/7", "Node/7/vdisks" */
     std::string effect;       /* of a link with no record behind it */
     bool repairs_dangling, repairs_wrong;
+    std::set<uint32_t> held_back = {}; /* nodes whose messages such a link holds back */
 };
 
 static void add_link_trouble(Judge &judge, const char *code, const LinkPlace &place, const Link &link,
@@ -58,6 +59,7 @@ static void judge_vdisk_links(Judge &judge, const LinkPlace &place, const LinkDi
                          fmt::format("{}/{} has no record behind it: {}", place.path, link.name, place.effect),
                          place.repairs_dangling);
         judge.troubles.back().involved.insert(record_name("vdisk", link.name));
+        judge.troubles.back().holds_back = place.held_back;
     }
 }
 
@@ -68,6 +70,8 @@ static void judge_links_of(Judge &judge, const Node &node)
                        judge.published(node) ? "every PING of the node is kept back"
                                              : "each PING of the node takes it for stale, in vain",
                        repairs, repairs};
+    if (judge.published(node))
+        place.held_back = {node.uid};
     judge_vdisk_links(judge, place, node.vdisks);
 }
 

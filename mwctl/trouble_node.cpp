@@ -61,9 +61,11 @@ static std::string value_action(const Node &node, const std::string &file)
 static void judge_values(Judge &judge, const Node &node)
 {
     if (node.access.fault != Fault::none) {
-        judge.add("NODE_UNREADABLE", record_of(node), path_of(node),
-                  fmt::format("{} cannot be read: {}", path_of(node), node.access.reason),
-                  fmt::format("make it readable: ls -ld {}", shell_path(judge.cluster, path_of(node))));
+        judge
+            .add("NODE_UNREADABLE", record_of(node), path_of(node),
+                 fmt::format("{} cannot be read: {}", path_of(node), node.access.reason),
+                 fmt::format("make it readable: ls -ld {}", shell_path(judge.cluster, path_of(node))))
+            .holds_back = {node.uid};
         return;
     }
     NodeFlaws flaws = flaws_of(node);
@@ -72,6 +74,7 @@ static void judge_values(Judge &judge, const Node &node)
         Trouble &trouble = judge.add("NODE_UNREADABLE", record, found.files[0],
                                      fmt::format("{}: {}", found.text(), effect), std::move(action));
         trouble.witnesses.insert(found.files.begin(), found.files.end());
+        trouble.holds_back = {node.uid};
     };
     if (!flaws.all.empty())
         unreadable(flaws.all, "nothing is published of the node", value_action(node, flaws.all.files[0]));
@@ -128,11 +131,13 @@ static void judge_ping_size(Judge &judge, const Node &node)
     if (!bytes || *bytes * 10 <= datagram * 9)
         return;
     bool too_large = *bytes > datagram;
-    judge.add(too_large ? "PING_TOO_LARGE" : "PING_NEARLY_FULL", record_of(node), path_of(node) + "/vdisks",
-              fmt::format("its PING of {} VDisks takes {} bytes of the {} that a datagram carries: {}",
-                          vdisk_count(node), *bytes, datagram, too_large ? "none is sent" : "soon none will be sent"),
-              "move VDisks to another node, or give some up: mwctl drop vdisk VDISK --node " +
-                  std::to_string(node.uid));
+    Trouble &trouble = judge.add(
+        too_large ? "PING_TOO_LARGE" : "PING_NEARLY_FULL", record_of(node), path_of(node) + "/vdisks",
+        fmt::format("its PING of {} VDisks takes {} bytes of the {} that a datagram carries: {}", vdisk_count(node),
+                    *bytes, datagram, too_large ? "none is sent" : "soon none will be sent"),
+        "move VDisks to another node, or give some up: mwctl drop vdisk VDISK --node " + std::to_string(node.uid));
+    if (too_large)
+        trouble.holds_back = {node.uid};
 }
 
 static void judge_published(Judge &judge, const Node &node)
@@ -165,11 +170,13 @@ static void judge_peer(Judge &judge, const Node &node)
 static void judge_unlisted(Judge &judge, const Node &node)
 {
     const Settings &settings = judge.cluster.settings;
-    judge.add("NODE_NOT_LISTED", record_of(node), path_of(node) + "/lastping",
-              fmt::format("no message has written it and {} does not list it: nothing is published of it",
-                          settings.local_nodes_file),
-              fmt::format("if it is this host's: echo {} >> {} && mwctl reload", node.uid,
-                          shell_word(settings.local_nodes_file)));
+    judge
+        .add("NODE_NOT_LISTED", record_of(node), path_of(node) + "/lastping",
+             fmt::format("no message has written it and {} does not list it: nothing is published of it",
+                         settings.local_nodes_file),
+             fmt::format("if it is this host's: echo {} >> {} && mwctl reload", node.uid,
+                         shell_word(settings.local_nodes_file)))
+        .holds_back = {node.uid};
 }
 
 static void judge_listed_without_record(Judge &judge)
@@ -180,11 +187,13 @@ static void judge_listed_without_record(Judge &judge)
     std::set<uint32_t> seen;
     for (const LocalNode &listed : settings.local_nodes)
         if (!judge.cluster.node(listed.uid) && seen.insert(listed.uid).second)
-            judge.add("NODE_UNREADABLE", record_name("node", std::to_string(listed.uid)),
-                      fmt::format("Node/{}", listed.uid),
-                      fmt::format("{}:{} lists the node, and it has no record: nothing is published of it",
-                                  settings.local_nodes_file, listed.line),
-                      fmt::format("mwctl new node {}", listed.uid));
+            judge
+                .add("NODE_UNREADABLE", record_name("node", std::to_string(listed.uid)),
+                     fmt::format("Node/{}", listed.uid),
+                     fmt::format("{}:{} lists the node, and it has no record: nothing is published of it",
+                                 settings.local_nodes_file, listed.line),
+                     fmt::format("mwctl new node {}", listed.uid))
+                .holds_back = {listed.uid};
 }
 
 void judge_nodes(Judge &judge)

@@ -127,11 +127,14 @@ static bool judge_cut_short(Judge &judge, const VDisk &vdisk, const std::vector<
         return false;
     }
     bool removable = base_flaws(vdisk).empty() && vdisk.value("sectors").good();
+    std::vector<uint32_t> held_back;
+    if (vdisk.memberinfo != Fault::none || !removable)
+        held_back = publishers;
     std::string text =
-        fmt::format("{}: {}{}{}", flaws.text(), effect, removable ? "" : ", its removal too",
-                    kept_back(vdisk.memberinfo == Fault::none && removable ? std::vector<uint32_t>() : publishers));
-    decide(judge.add("VDISK_CUT_SHORT", record_of(vdisk), flaws.files[0], std::move(text), ""), judge, vdisk, flaws,
-           publishers);
+        fmt::format("{}: {}{}{}", flaws.text(), effect, removable ? "" : ", its removal too", kept_back(held_back));
+    Trouble &trouble = judge.add("VDISK_CUT_SHORT", record_of(vdisk), flaws.files[0], std::move(text), "");
+    trouble.holds_back.insert(held_back.begin(), held_back.end());
+    decide(trouble, judge, vdisk, flaws, publishers);
     return true;
 }
 
@@ -147,6 +150,9 @@ static void judge_values(Judge &judge, const VDisk &vdisk, const std::vector<uin
         if (vdisk.memberinfo == Fault::none)
             add_publication_flaws(flaws, vdisk, uid);
     std::string effect = keeps_removal ? "the VDisk cannot be removed" : "";
+    std::set<uint32_t> held_back;
+    if (!flaws.empty())
+        held_back.insert(publishers.begin(), publishers.end());
     bool snapshots_lost = vdisk.value("snapshot").good() && !vdisk.snapshot() && vdisk.snapshots.fault != Fault::none &&
                           judge.reported_by_peers(vdisk);
     if (snapshots_lost && flaws.empty()) {
@@ -158,10 +164,12 @@ static void judge_values(Judge &judge, const VDisk &vdisk, const std::vector<uin
     } else if (!flaws.empty() && !publishers.empty()) {
         effect += fmt::format("{}every PING of {} is kept back", keeps_removal ? ", and " : "", nodes_text(publishers));
     }
-    if (!flaws.empty())
-        decide(judge.add("VDISK_UNREADABLE", record_of(vdisk), flaws.files[0],
-                         fmt::format("{}: {}", flaws.text(), effect), ""),
-               judge, vdisk, flaws, publishers);
+    if (flaws.empty())
+        return;
+    Trouble &trouble = judge.add("VDISK_UNREADABLE", record_of(vdisk), flaws.files[0],
+                                 fmt::format("{}: {}", flaws.text(), effect), "");
+    trouble.holds_back = held_back;
+    decide(trouble, judge, vdisk, flaws, publishers);
 }
 
 static void judge_transaction(Judge &judge, const VDisk &vdisk, const std::vector<uint32_t> &publishers)
@@ -173,11 +181,13 @@ static void judge_transaction(Judge &judge, const VDisk &vdisk, const std::vecto
     std::string end = fmt::format("mwctl set {} transaction_id=0", shell_word(record_of(vdisk)));
     double age = std::max(0.0, judge.cluster.now_exact - static_cast<double>(vdisk.transaction_time));
     if (!transaction.good())
-        judge.add("TRANSACTION_UNREADABLE", record_of(vdisk), file,
-                  fmt::format("{} {}: the VDisk cannot be removed{}", file,
-                              fault_text(attribute_of(Kind::vdisk, "transaction_id"), transaction),
-                              kept_back(publishers)),
-                  "write the transaction's number again, or end it: " + end);
+        judge
+            .add("TRANSACTION_UNREADABLE", record_of(vdisk), file,
+                 fmt::format("{} {}: the VDisk cannot be removed{}", file,
+                             fault_text(attribute_of(Kind::vdisk, "transaction_id"), transaction),
+                             kept_back(publishers)),
+                 "write the transaction's number again, or end it: " + end)
+            .holds_back.insert(publishers.begin(), publishers.end());
     else if (vdisk.number("transaction_id") != 0)
         judge.add("TRANSACTION_OPEN", record_of(vdisk), file,
                   fmt::format("transaction {} is open for {}: {}", vdisk.number("transaction_id"), human_age(age),
@@ -239,10 +249,11 @@ void judge_vdisks(Judge &judge)
             continue;
         std::vector<uint32_t> publishers = judge.publishers(uuid);
         if (vdisk.access.fault != Fault::none) {
-            judge.add(
-                "VDISK_UNREADABLE", record_of(vdisk), path_of(vdisk),
-                fmt::format("{} cannot be read: {}{}", path_of(vdisk), vdisk.access.reason, kept_back(publishers)),
-                fmt::format("make it readable: ls -ld {}", shell_path(judge.cluster, path_of(vdisk))));
+            judge
+                .add("VDISK_UNREADABLE", record_of(vdisk), path_of(vdisk),
+                     fmt::format("{} cannot be read: {}{}", path_of(vdisk), vdisk.access.reason, kept_back(publishers)),
+                     fmt::format("make it readable: ls -ld {}", shell_path(judge.cluster, path_of(vdisk))))
+                .holds_back.insert(publishers.begin(), publishers.end());
             continue;
         }
         judge_transaction(judge, vdisk, publishers);
