@@ -9,6 +9,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace CLI
 {
@@ -23,6 +24,7 @@ struct Options {
     std::optional<std::string> config;
     bool json = false;
     std::string color = "auto";
+    std::vector<std::string> behind; /* of `lock`: the words behind --, as they were typed */
 
     Settings settings() const; /* read_settings of `config` */
     Style style() const;

@@ -128,18 +128,18 @@ void add_lock(CLI::App &app, Options &options, int &status)
     struct Arguments {
         std::string record;
         std::optional<double> wait;
-        std::vector<std::string> command;
     };
     auto arguments = std::make_shared<Arguments>();
-    CLI::App *command = app.add_subcommand("lock", "Run a command under a record's lock");
+    CLI::App *command = app.add_subcommand("lock", "Run a command, which stands behind --, under a record's lock");
     command->add_option("RECORD", arguments->record, "node/7, datastore/ds1 or vdisk/v1")->required();
     command->add_option("--wait", arguments->wait, "How long to wait for the lock; else as long as the daemon would")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, 1e6));
-    command->add_option("COMMAND", arguments->command, "The command and its arguments, behind --")->required();
     command->footer("Example:\n  mwctl lock vdisk/v1 --wait 10 -- tar -C /var/lib/mwd/DB/VDisk -cf v1.tar v1");
     command->callback([&options, &status, arguments] {
-        status = run_lock(options, arguments->record, arguments->wait, arguments->command);
+        if (options.behind.empty())
+            refuse("which command? It stands behind --: mwctl lock RECORD -- COMMAND");
+        status = run_lock(options, arguments->record, arguments->wait, options.behind);
     });
 }
 

@@ -3,6 +3,7 @@
 #include "mwctl/failure.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -16,13 +17,24 @@ static constexpr Adder commands[] = {
     add_check,  add_locks,  add_publish, add_new,    add_get_set, add_drop,  add_lock, add_sniff,
 };
 
+/* The command behind `lock ... --` is none of the parser's business: takes its words off the command line. */
+static std::vector<std::string> cut_locked_command(int *argc, char **argv)
+{
+    char **end = argv + *argc, **dashes = std::find(argv, end, std::string_view("--"));
+    if (std::find(argv, dashes, std::string_view("lock")) == dashes)
+        return {};
+    *argc = static_cast<int>(dashes - argv);
+    return dashes == end ? std::vector<std::string>() : std::vector<std::string>(dashes + 1, end);
+}
+
 static int run(int argc, char **argv)
 {
     CLI::App app("Sees, checks, mends and changes what the metadata daemon mwd of this host keeps.", "mwctl");
     Options options;
     int status = STATUS_DONE;
+    options.behind = cut_locked_command(&argc, argv);
     app.set_version_flag("--version", "mwctl " MWD_VERSION);
-    app.add_option("-C", options.config, "The daemon's configuration")->type_name("FILE");
+    app.add_option("-C", options.config, "The daemon's configuration")->type_name("FILE")->take_last();
     app.add_flag("--json", options.json, "One JSON document instead of text");
     app.add_option("--color", options.color, "auto, always or never")
         ->check(CLI::IsMember({"auto", "always", "never"}))

@@ -92,7 +92,9 @@ static void judge_left_behind(Judge &judge, const Datastore &datastore, bool nam
         if (!uid)
             continue;
         const Node *node = judge.cluster.node(*uid);
-        bool unreadable = node && !node->value("datastoremember").good() && !node->value("datastoremember").missing();
+        const Value *named = node ? &node->value("datastoremember") : nullptr;
+        bool unreadable =
+            named && !named->missing() && (!named->good() || (!named->text.empty() && !uuid_usable(named->text)));
         if (unreadable || (node && named_by(*node) == datastore.uuid))
             continue;
         std::string file = fmt::format("Datastore/{}/members/{}", datastore.uuid, link.name);

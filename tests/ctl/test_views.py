@@ -125,7 +125,7 @@ def test_tables(cluster):
 
 def test_exit_statuses(cluster):
     for words, status, told in (([], 0, ""), (["config"], 0, ""), (["show", "node", "7"], 0, ""),
-                                (["show", "vdisk", "v2"], 3, "near: s1, v1"), (["show", "node", "9"], 3, "no node 9"),
+                                (["show", "vdisk", "v2"], 3, "near: v1"), (["show", "node", "9"], 3, "no node 9"),
                                 (["show", "node", "x"], 2, "'x' is no node number"), (["shows"], 2, "shows"),
                                 (["vdisks", "--node", "9"], 3, "no node 9"),
                                 (["nodes", "--sort", "colour"], 2, "the columns are NODE"),

@@ -1,5 +1,6 @@
 """mwctl new and mwctl drop, killed at each system call that changes something: no half of a record is ever published,
-and the same command again ends in the same tree. MWD_SWEEP_STEP is the distance from one kill to the next, 1 for all."""
+and the same command again ends in the same tree. MWD_SWEEP_STEP is the distance from one kill
+to the next, 1 for all."""
 import contextlib
 import os
 import re
@@ -69,7 +70,9 @@ def test_a_killed_command_is_finished_by_the_same_again(host, name):
             assert killed.returncode in (137, -9), explain("strace kills it", **story)
             kills += 1
             host.run(*MWCTL, "locks", "--break")
-            assert host.locks() == [], explain("its locks can be broken", **story)
+            for lock in host.locks():
+                assert host.read("/tmp/" + lock) == "", explain("only a lock without a number is left to the operator", **story)
+                host.remove("/tmp/" + lock)
             now = published(daemon)
             half = {kind: datagram for kind, datagram in now.items()
                     if datagram not in [sent.get(kind) for sent in messages]}
