@@ -53,6 +53,12 @@ void add_drop(CLI::App &app, Options &options, int &status);
 void add_lock(CLI::App &app, Options &options, int &status);
 void add_sniff(CLI::App &app, Options &options, int &status);
 
+/*
+ * Prints what may stand for the last of `words`, one a line, as a shell's completion asks for it: those words come
+ * behind the program's name, without quotes. A line "/files" stands for the names of files.
+ */
+void complete(const CLI::App &app, std::vector<std::string> words);
+
 /* Writes to stdout. A closed pipe ends the program silently; any other failure gives up. */
 void print(std::string_view text);
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
@@ -44,6 +45,10 @@ static int run(int argc, char **argv)
     app.footer("mwctl alone prints `status`. See mwctl(8).");
     for (Adder add : commands)
         add(app, options, status);
+    if (argc > 2 && strcmp(argv[1], "complete") == 0 && strcmp(argv[2], "--") == 0) {
+        complete(app, {argv + 3, argv + argc});
+        return STATUS_DONE;
+    }
 
     try {
         app.parse(argc, argv);
