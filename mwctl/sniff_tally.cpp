@@ -8,7 +8,6 @@ namespace mwctl
 constexpr size_t SOURCES_MAX = 20000;
 constexpr size_t NODES_MAX = 20000;
 constexpr size_t DATAGRAM_MAX = 65507; /* of UDP over IPv4 */
-constexpr size_t NEARLY_FULL = DATAGRAM_MAX / 10 * 9;
 
 void SniffTally::add(const std::string &address, uint16_t port, const Message &message)
 {
@@ -35,43 +34,48 @@ void SniffTally::add(const std::string &address, uint16_t port, const Message &m
         node.longest_ping = std::max(node.longest_ping, message.bytes);
 }
 
-static Trouble node_trouble(const char *code, Severity severity, uint32_t uid)
+static Trouble node_trouble(const char *code, Severity severity, uint32_t uid, std::string text, std::string action)
 {
     Trouble trouble;
     trouble.code = code;
     trouble.severity = severity;
     trouble.record = fmt::format("node/{}", uid);
+    trouble.text = std::move(text);
+    trouble.action = std::move(action);
     trouble.involved = {trouble.record};
     return trouble;
+}
+
+static bool below_1_8(uint8_t major, uint8_t minor)
+{
+    return major == 0 || (major == 1 && minor < 8);
 }
 
 std::vector<Trouble> SniffTally::troubles() const
 {
     std::vector<Trouble> troubles;
     for (const auto &[uid, node] : nodes_) {
-        if (node.addresses.size() > 1) {
-            Trouble trouble = node_trouble("NODE_NUMBER_TAKEN", Severity::error, uid);
-            trouble.text = fmt::format("Messages of node {} come from {}: at every peer they overwrite each other.",
-                                       uid, fmt::join(node.addresses, " and "));
-            trouble.action = "give the node of one of these hosts another number, in its record and in local_nodes";
-            troubles.push_back(trouble);
-        }
-        if (node.major == 0 || (node.major == 1 && node.minor < 8)) {
-            Trouble trouble = node_trouble("NODE_VERSION_OLD", Severity::warning, uid);
-            trouble.text =
-                fmt::format("Node {} says version {}.{}: below 1.8 it cannot tell a generation above 99, and "
-                            "its reports of a VDisk that has a higher one are stale.",
-                            uid, node.major, node.minor);
-            trouble.action = "bring the node to version 1.8 or later, then write that into its record's version";
-            troubles.push_back(trouble);
-        }
-        if (node.longest_ping > NEARLY_FULL) {
-            Trouble trouble = node_trouble("PING_NEARLY_FULL", Severity::warning, uid);
-            trouble.text = fmt::format("A PING of node {} has {} bytes; one of more than {} cannot be sent.", uid,
-                                       node.longest_ping, DATAGRAM_MAX);
-            trouble.action = "move VDisks to another node before their number grows";
-            troubles.push_back(trouble);
-        }
+        if (node.addresses.size() > 1)
+            troubles.push_back(node_trouble(
+                "NODE_NUMBER_TAKEN", Severity::error, uid,
+                fmt::format("messages of node {} come from {}, and each one overwrites the record at every peer: two "
+                            "hosts publish one node",
+                            uid, fmt::join(node.addresses, " and ")),
+                "give the node of one of these hosts another number, in its record and in local_nodes"));
+        if (below_1_8(node.major, node.minor))
+            troubles.push_back(node_trouble(
+                "NODE_VERSION_OLD", Severity::warning, uid,
+                fmt::format(
+                    "it says version {}.{}: below 1.8 it cannot tell a generation above 99, and its reports of a "
+                    "VDisk that has a higher one are stale",
+                    node.major, node.minor),
+                "bring the node to version 1.8 or later, and its record's version with it"));
+        if (node.longest_ping * 10 > DATAGRAM_MAX * 9)
+            troubles.push_back(node_trouble(
+                "PING_NEARLY_FULL", Severity::warning, uid,
+                fmt::format("its PING takes {} bytes of the {} that a datagram carries: soon none will be sent",
+                            node.longest_ping, DATAGRAM_MAX),
+                "move VDisks to another node, or give some up"));
     }
     return troubles;
 }

@@ -196,7 +196,6 @@ def record_of_page(title, content, begin, nth=0):
     return values
 
 
-@pytest.mark.skipif(".Sh HEX DUMPS" not in PAGE, reason="the page has no dumps of whole messages")
 def test_the_page_the_tool_and_the_dissector(equipped):
     """The page's dumps, read by the page's own tables, are what both say of these bytes."""
     host, sent = equipped(), {}
@@ -250,12 +249,11 @@ def test_summary_and_troubles(equipped):
 
 def test_refusals_drops_and_ends(equipped):
     host = equipped()
-    for before, after, status, told in (AS_NOBODY, [], 3, "root"), ([], ["-ieth9"], 3, "eth9"), ([], ["-x"], 2, "-x"):
-        done = host.run(*before, *TOOL, "sniff", *after)
+    for before, after, status, told in (AS_NOBODY, "-v", 3, "root"), ([], "-ieth9", 3, "eth9"), ([], "-x", 2, "-x"):
+        done = host.run(*before, *TOOL, "sniff", after)
         assert (done.returncode, done.stdout) == (status, "") and told in done.stderr
     assert host.run(*TOOL, "sniff", "--seconds", "0.1").returncode == 0
-    # Its reader is gone, and the wire is silent.
-    assert host.run("/bin/sh", "-c", " ".join(TOOL) + " sniff | true").returncode == 0
+    assert host.run("/bin/sh", "-c", " ".join(TOOL) + " sniff | true").returncode == 0  # nobody reads it, nobody sends
     # More than its buffer holds comes while it stands still.
     sniff = Sniff(host)
     sniff.program.send_signal(signal.SIGSTOP)
