@@ -378,7 +378,7 @@ def main():
     options = parser.parse_args()
     options.build = options.build.resolve()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    root = pathlib.Path(tempfile.mkdtemp(prefix="mwd-rehearse-"))
+    root = pathlib.Path(tempfile.mkdtemp(prefix="mwd-rehearse-", dir="/run"))
     rehearsal = Rehearsal(options, root)
     try:
         rehearsal.day()
