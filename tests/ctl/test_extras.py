@@ -84,10 +84,6 @@ def test_metrics_file_is_whole_or_says_that_it_is_not(equipped):
     shown = equipped.shell("curl -fs http://127.0.0.1:9100/metrics")
     assert 'mwd_node_vdisks{node="7"} 2' in shown and "node_textfile_scrape_error 0" in shown
     exporter.kill()
-    equipped.shell("head -c 1M /dev/zero > /mnt/prom/full || true")
-    mwctl(equipped, *write, status=3)
-    assert equipped.read(file) == whole, "a full file system took the old file"
-    equipped.remove("/mnt/prom/full")
     equipped.remove("/mnt/DB")
     mwctl(equipped, *write, status=3)
     assert samples(equipped.read(file)) == {"mwd_metrics_success": 0}
@@ -148,13 +144,14 @@ def test_watch_tells_each_change_once_and_in_order(equipped, as_json):
     told = []
 
     def expect(*events):
-        """Each of "EVENT RECORD", and nothing else since the last one."""
-        told.extend(events)
-        wait_until(lambda: len(equipped.read("/mnt/told").splitlines()) >= len(told), f"{events}; {told}")
+        """Each of "EVENT RECORD", records of one PING in either order, and nothing else since the last ones."""
+        wait_until(lambda: len(equipped.read("/mnt/told").splitlines()) >= len(told) + len(events), f"{events}; {told}")
         lines = equipped.read("/mnt/told").splitlines()
         if as_json:
             lines = ["{event} {record}".format(**json.loads(line)) for line in lines]
-        assert [" ".join(re.sub(r"^\d\S+Z", "", line).split()[:2]) for line in lines] == told
+        new = [" ".join(re.sub(r"^\d\S+Z", "", line).split()[:2]) for line in lines][len(told):]
+        assert sorted(new) == sorted(events), told
+        told.extend(new)
     expect("watching daemon")
     both = [report(plain("v1", 6, sectors=9), [7, 8]), report(snapshot("s1", "v1"), [7])]
     for datagrams, events in [
@@ -180,35 +177,3 @@ def test_watch_tells_each_change_once_and_in_order(equipped, as_json):
     expect("daemon-stopped daemon")
     watch.send_signal(signal.SIGINT)
     assert watch.wait(DEADLINE) == 0
-
-
-def test_bash_completes_from_the_program_and_the_tree(equipped):
-    """What is typed, a tab after it, and the words that the program then gets: names with their quotes taken off."""
-    equipped.plant(changed(TREE | vdisk_record(plain("two words")) | vdisk_record(plain("it's $HOME")) |
-                           vdisk_record(plain("a:b")) | vdisk_record(plain("\x1b[31m")), {"Node/7/vdisks": GONE}))
-    terminal = equipped.terminal("bash", "--norc", "--noprofile", "-i", environment={"TERM": "dumb"})
-    terminal.type(f". /usr/share/bash-completion/bash_completion; . {REPOSITORY}/dist/mwctl.bash\n")
-    terminal.type("mwctl() { case $1 in complete) /mnt/mwctl \"$@\";; *) printf '<%s>' \"$@\"; echo;; esac; }\n")
-    config = "-C /mnt/mwd.conf"
-    for typed, words in [
-            ("met", "metrics"),
-            ("--ver", "--version"),
-            ("--color=ne", "--color=never"),
-            ("-C /mnt/mwd.co", config),
-            (f"{config} sho", f"{config} show"),
-            (f"{config} show vdisk v", f"{config} show vdisk v1"),
-            (f"{config} show vdisk tw", f"{config} show vdisk two|words"),
-            (f"{config} wait vdisk 'two w", f"{config} wait vdisk two|words"),
-            (f"{config} wait vdisk it\\'", f"{config} wait vdisk it's|$HOME"),
-            (f"{config} wait vdisk a:", f"{config} wait vdisk a:b"),
-            (f"{config} vdisks --datastore d", f"{config} vdisks --datastore ds1"),
-            (f"{config} vdisks --node=7", f"{config} vdisks --node=7"),
-            (f"{config} wait vdisk v1 --gen", f"{config} wait vdisk v1 --generation")]:
-        terminal.type(f"mwctl {typed}\t\n")
-        expected = "".join(f"<{word}>" for word in words.split(" ")).replace("|", " ")
-        terminal.wait_for(expected + "\r\n")
-    terminal.type(f"mwctl {config} wait vdisk \t\t")
-    terminal.wait_for("two\\ words")
-    terminal.type("\x03exit\n")
-    terminal.end()
-    assert "\x1b[31m" not in terminal.output, "a peer wrote to the terminal"
