@@ -1,6 +1,7 @@
 /*
- * Sums of database trees, to tell whether hosts agree: treesum [-l] TREE... prints a line a tree, with -l one a record. Left out
- * is what differs between hosts by nature: when and whence a node was heard, and files of host programs that no message writes.
+ * Sums of database trees, to tell whether hosts agree: treesum [-l] TREE... prints a line a tree, with -l one a record.
+ * Left out is what differs between hosts by nature: when and whence a node was heard, and files of host programs that
+ * no message writes.
  */
 #include <algorithm>
 #include <cstdint>
