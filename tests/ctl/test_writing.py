@@ -36,6 +36,7 @@ def well(host, *words):
 OWN = changed(node_record(7, "ds1") | datastore_record("ds1", [7]) | vdisk_record(plain("v1"), datastore="ds1"),
               {"Node/7/lastping": GONE, "Node/7/ipaddr": GONE})
 PEERS = node_record(8, "ds2") | datastore_record("ds2", [8]) | vdisk_record(plain("w1"), [8], datastore="ds2")
+TABLES = {"/mnt/local_nodes": "7\n", "/mnt/unicast_hosts": "127.0.0.2\n"}
 
 
 def published_values(host):
@@ -120,8 +121,7 @@ def test_set_holds_each_width(make_host):
         refused = mwctl(host, "set", record, f"{key}={bad}")
         if refused.returncode != 2 or refused.stderr.count("\n") != 1 or host.tree() != before:
             failures.append(f"{place}={bad!r}: status {refused.returncode}, {refused.stderr!r}")
-        accepted = mwctl(host, "set", record, f"{key}={good}")
-        found = mwctl(host, "get", record, key).stdout
+        accepted, found = mwctl(host, "set", record, f"{key}={good}"), mwctl(host, "get", record, key).stdout
         if accepted.returncode != 0 or found != good + "\n":
             failures.append(f"{place}={good!r}: status {accepted.returncode}, {accepted.stderr!r}, read as {found!r}")
     assert failures == []
@@ -152,8 +152,7 @@ REFUSED = [
 def test_what_cannot_be_done_is_refused_in_one_line(make_host):
     """With no daemon and nothing locked: one line says why, the status is the documented one, nothing is written."""
     host = make_host()
-    host.write("/mnt/local_nodes", "7\n")
-    host.plant(OWN | PEERS)
+    host.plant(OWN | PEERS | TABLES)
     before, failures = host.tree(), []
     for typed, status, reason in REFUSED:
         result = mwctl(host, *typed.split())
@@ -193,8 +192,7 @@ def locked_command(host, *command):
 
 def test_lock_keeps_the_daemon_out_until_the_command_ends(make_host):
     host = make_host()
-    host.write("/mnt/local_nodes", "7\n")
-    host.plant(OWN)
+    host.plant(OWN | TABLES)
     daemon = host.daemon()
 
     def publishes():
@@ -238,7 +236,6 @@ ASKED = [
     ("reload", {"/mnt/local_nodes": "7\n# comment\nseven\n"}, "local_nodes:3: 'seven' names no node"),
     ("reload", {"/mnt/local_nodes": "7\n8"}, "local_nodes:2: does not end with a newline"),
     ("reload", {"/mnt/unicast_hosts": "10.0.0.1\n300.1.1.1\n"}, "unicast_hosts:2: '300.1.1.1' is no IPv4")]
-TABLES = {"/mnt/local_nodes": "7\n", "/mnt/unicast_hosts": "127.0.0.2\n"}
 
 
 def test_the_daemon_is_asked_for_what_it_will_do(make_host):
