@@ -77,7 +77,7 @@ static void leave_others(HeldRecord &held, Drop &drop, const std::optional<Chang
         held.write(*membership);
         drop.steps.push_back(fmt::format("{} is out of the membership of {}", drop.node.text(), drop.vdisk.text()));
     }
-    drop.note(held.remove(drop.member()), fmt::format("its member record is removed"));
+    drop.note(held.remove(drop.member()), "its member record is removed");
     held.sync("memberinfo");
     held.sync();
 }

@@ -25,17 +25,11 @@ static void require_not_of_peer(const Settings &settings, const RecordName &reco
         refuse(fmt::format("{} exists already, and is a peer's", record.text()));
 }
 
-/* What of the node is missing. Writes nothing. */
-static std::vector<Change> missing_of_node(const HeldRecord &held, const RecordName &node,
-                                           const std::vector<Change> &plan)
-{
-    return missing_values(held, ".", node, plan);
-}
-
+/* Writes nothing, so that a plan that contradicts the record is refused before the datastore is touched. */
 static bool node_is_whole(const Settings &settings, const RecordName &node, const std::vector<Change> &plan)
 {
     HeldRecord held(settings, node);
-    return missing_of_node(held, node, plan).empty() && held.has("vdisks");
+    return missing_values(held, ".", node, plan).empty() && held.has("vdisks");
 }
 
 /*
@@ -45,7 +39,7 @@ static bool node_is_whole(const Settings &settings, const RecordName &node, cons
 static void write_node(const Settings &settings, const RecordName &node, const std::vector<Change> &plan)
 {
     HeldRecord held(settings, node);
-    std::vector<Change> missing = missing_of_node(held, node, plan);
+    std::vector<Change> missing = missing_values(held, ".", node, plan);
     held.make_directory();
     held.make_directory("vdisks");
     for (const Change &change : missing)
