@@ -22,12 +22,10 @@ struct Mending {
     const Trouble &trouble;
     Cluster around;
     Repaired done;
-    const Tell &say;
 
     void step(const std::string &text)
     {
         done.steps.push_back(text);
-        say(text, false);
     }
 };
 
@@ -248,10 +246,14 @@ static void check_again(Mending &mending, const Remedy &remedy)
         throw Left("the member is this host's own");
 }
 
-/* Mends one trouble under its lock. What was done before something got in the way is told too. */
+/*
+ * Mends one trouble under its lock. What was done before something got in the way is told too, and all of it once the
+ * lock is gone: a pipe that is closed by then leaves no lock behind.
+ */
 static Repaired mend(const Cluster &cluster, const Trouble &trouble, const Remedy &remedy, const Tell &say)
 {
-    Mending mending{trouble, {}, {trouble.code, trouble.record, {}}, say};
+    Mending mending{trouble, {}, {trouble.code, trouble.record, {}}};
+    std::string left;
     try {
         RecordLock lock(remedy.locks_target ? record_name("vdisk", trouble.file.substr(trouble.file.rfind('/') + 1))
                                             : trouble.record);
@@ -259,8 +261,12 @@ static Repaired mend(const Cluster &cluster, const Trouble &trouble, const Remed
         check_again(mending, remedy);
         remedy.mend(mending);
     } catch (const std::runtime_error &reason) { /* Left, or a lock that is not to be had */
-        say(fmt::format("left {} {}: {}", trouble.code, trouble.record, reason.what()), true);
+        left = fmt::format("left {} {}: {}", trouble.code, trouble.record, reason.what());
     }
+    for (const std::string &step : mending.done.steps)
+        say(step, false);
+    if (!left.empty())
+        say(left, true);
     return mending.done;
 }
 

@@ -358,11 +358,12 @@ class Rehearsal:
         seconds = after["wall"] - before["wall"]
         cpu = [b - a for a, b in zip(before["cpu"], after["cpu"])]
         share = sum(cpu) / seconds * self.cluster.ping / 90
-        self.steady_row = {"cpu_all": sum(cpu) / seconds, "cpu_host": sum(cpu) / seconds / len(cpu), "share_at_default": share,
-                           "lost": after["lost"] - before["lost"], "sent": after["sent"] - before["sent"],
+        self.steady_row = {"cpu_all": sum(cpu) / seconds, "cpu_host": sum(cpu) / seconds / len(cpu),
+                           "share_at_default": share, "lost": after["lost"] - before["lost"], "sent": after["sent"] - before["sent"],
                            "memory": sum(host.memory() for host in self.hosts)}
-        say("steady: all hosts together take %.1f %% of a core, %.1f %% at the default intervals; %d of %d datagrams lost" % (
-            100 * self.steady_row["cpu_all"], 100 * share, self.steady_row["lost"], self.steady_row["sent"]))
+        say("steady: all hosts together take %.1f %% of a core, %.1f %% at the default intervals; "
+            "%d of %d datagrams lost" % (
+                100 * self.steady_row["cpu_all"], 100 * share, self.steady_row["lost"], self.steady_row["sent"]))
 
 
 def main():
