@@ -74,9 +74,10 @@ class Rehearsal:
         self.raises[vdisk.name] = self.raises.get(vdisk.name, 0) + 1
         lines = "\\n".join(map(str, vdisk.members)) + "\\n"
         for uid in vdisk.members:
-            self.host(uid).write("vdisk/" + vdisk.name,
-                                 "cd VDisk/{0} && printf '{1}' >membership && echo {2} >memberinfo/{3}/membership_gen_count "
-                                 "&& echo {2} >highest_gen_count".format(vdisk.name, lines, vdisk.generation, uid))
+            self.host(uid).write(
+                "vdisk/" + vdisk.name,
+                "cd VDisk/{0} && printf '{1}' >membership && echo {2} >memberinfo/{3}/membership_gen_count && "
+                "echo {2} >highest_gen_count".format(vdisk.name, lines, vdisk.generation, uid))
         return [("VDisk/%s/highest_gen_count" % vdisk.name, str(vdisk.generation)),
                 ("VDisk/%s/membership" % vdisk.name, "\n".join(map(str, vdisk.members)))]
 
@@ -104,8 +105,8 @@ class Rehearsal:
 
     def agree(self, facts, among, limit=None):
         """
-        Waits until each host holds all facts; returns the seconds that each took. A fact is a path and its value, or None
-        for a path that is to be gone.
+        Waits until each host holds all facts; returns the seconds that each took. A fact is a path and its value, or
+        None for a path that is to be gone.
         """
         begin = time.monotonic()
         limit = limit or 6 * self.cluster.ping + 60
@@ -187,7 +188,8 @@ class Rehearsal:
         after = self.counters()
         self.compare(name)
         cpu = [b - a for a, b in zip(before["cpu"], after["cpu"])]
-        row = {"phase": name, "median": taken[len(taken) // 2], "p99": taken[min(len(taken) - 1, len(taken) * 99 // 100)],
+        row = {"phase": name, "median": taken[len(taken) // 2],
+               "p99": taken[min(len(taken) - 1, len(taken) * 99 // 100)],
                "worst": taken[-1], "sent": after["sent"] - before["sent"], "lost": after["lost"] - before["lost"],
                "cpu_host": max(cpu), "cpu_all": sum(cpu), "wall": after["wall"] - before["wall"],
                "memory": sum(host.memory() for host in self.hosts),
@@ -200,7 +202,7 @@ class Rehearsal:
                 row["memory"] / 2 ** 20, row["fences"]))
 
     def check_fences(self):
-        """Each raise at most once a host: what a host ran for a VDisk is never more than the raises it can have seen."""
+        """Each raise at most once a host: for no VDisk has a host run more checks than there were raises."""
         for host in self.hosts:
             ran = {}
             for line in host.fences():
@@ -359,7 +361,8 @@ class Rehearsal:
         cpu = [b - a for a, b in zip(before["cpu"], after["cpu"])]
         share = sum(cpu) / seconds * self.cluster.ping / 90
         self.steady_row = {"cpu_all": sum(cpu) / seconds, "cpu_host": sum(cpu) / seconds / len(cpu),
-                           "share_at_default": share, "lost": after["lost"] - before["lost"], "sent": after["sent"] - before["sent"],
+                           "share_at_default": share, "lost": after["lost"] - before["lost"],
+                           "sent": after["sent"] - before["sent"],
                            "memory": sum(host.memory() for host in self.hosts)}
         say("steady: all hosts together take %.1f %% of a core, %.1f %% at the default intervals; "
             "%d of %d datagrams lost" % (
