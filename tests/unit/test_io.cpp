@@ -4,49 +4,104 @@
 
 #include <netinet/tcp.h>
 
-static int fds[2], ticks, drains;
-static char *next;
+/* A pipe that holds one page or some, so that longer writes are cut short. */
+struct Pipe {
+    int fds[2];
 
-TEST(Io, TransfersGoOnWhereTheyWereCutShortAndEndWithASignal)
-{
-    std::string sent(10000, 's'), got(10001, '?');
-    std::generate(sent.begin(), sent.end(), std::mt19937());
-    ASSERT_EQ(0, pipe2(fds, O_DIRECT));
-    EXPECT_EQ(4, buf_tx(fds[1], "ab", 2, 1) + buf_tx(fds[1], "ab", 2, 1)); /* to be read one by one */
-    EXPECT_TRUE(buf_rx(fds[0], got.data(), 4, 1) == 4 && got.starts_with("abab?"));
-    ASSERT_EQ(4096, fcntl(fds[1], F_SETPIPE_SZ, 4096) + fd_blocking(fds[1], 0));
-    /* A full pipe ends a vector's first write around each boundary, and the array then holds what is left. */
-    for (const auto &[length, first] : {std::pair(4097UL, 0), {4096, 2}, {4095, 2}, {4094, 3}, {4093, 3}}) {
-        struct iovec iov[] = {{&sent[0], length}, {&sent[0], 0}, {&sent[length], 2}, {&sent[length + 2], 4}};
-        EXPECT_EQ(-1, iov_tx(fds[1], iov, 4, 1));
-        EXPECT_EQ(4096, buf_rx(fds[0], &got[0], 4096, 1));
-        EXPECT_EQ(length - 4090, iov_tx(fds[1], iov + first, 4 - first, 1));
-        buf_rx(fds[0], &got[4096], length - 4090, 1);
-        EXPECT_EQ(sent.substr(0, length + 6), got.substr(0, length + 6));
+    explicit Pipe(int flags, int pages = 1)
+    {
+        EXPECT_EQ(0, pipe2(fds, flags)) << strerror(errno);
+        EXPECT_EQ(pages * PAGE, fcntl(fds[1], F_SETPIPE_SZ, pages * PAGE)) << strerror(errno);
     }
-    /* One tick cuts a write short, the next meets a write that has moved nothing yet. */
+    ~Pipe()
+    {
+        close(fds[0]);
+        close(fds[1]);
+    }
+
+    static constexpr int PAGE = 4096;
+};
+
+static std::string random_text(size_t length)
+{
+    std::string text(length, '?');
+    std::generate(text.begin(), text.end(), std::mt19937());
+    return text;
+}
+
+TEST(Io, ReadGoesOnUntilAllIsThereAndTellsAnEarlyEnd)
+{
+    Pipe pipe(O_DIRECT, 2); /* what was written in two calls is read in two */
+    std::string got(5, '?');
+    EXPECT_EQ(2, buf_tx(pipe.fds[1], "ab", 2, 1));
+    EXPECT_EQ(2, buf_tx(pipe.fds[1], "cd", 2, 1));
+    EXPECT_EQ(4, buf_rx(pipe.fds[0], got.data(), 4, 1));
+    EXPECT_EQ("abcd?", got);
+    EXPECT_EQ(2, buf_tx(pipe.fds[1], "ef", 2, 1));
+    close(std::exchange(pipe.fds[1], -1));
+    EXPECT_EQ(0, buf_rx(pipe.fds[0], got.data(), 3, 1));
+}
+
+/* A full pipe ends a vector's first write around each boundary, and the array then holds what is left. */
+TEST(Io, VectorGoesOnWhereItWasCutShort)
+{
+    const std::string sent = random_text(5000);
+    std::string got(5000, '?');
+    for (const auto &[length, first_left] : {std::pair(4097UL, 0), {4096, 2}, {4095, 2}, {4094, 3}, {4093, 3}}) {
+        const Pipe pipe(O_DIRECT | O_NONBLOCK);
+        char *text = const_cast<char *>(sent.data());
+        struct iovec iov[] = {{text, length}, {text, 0}, {text + length, 2}, {text + length + 2, 4}};
+        EXPECT_EQ(-1, iov_tx(pipe.fds[1], iov, 4, 1)) << length;
+        EXPECT_EQ(4096, buf_rx(pipe.fds[0], &got[0], 4096, 1)) << length;
+        EXPECT_EQ(length - 4090, iov_tx(pipe.fds[1], iov + first_left, 4 - first_left, 1)) << length;
+        EXPECT_EQ(length - 4090, buf_rx(pipe.fds[0], &got[4096], length - 4090, 1)) << length;
+        EXPECT_EQ(sent.substr(0, length + 6), got.substr(0, length + 6)) << length;
+    }
+}
+
+static int ticks, drained_pipe = -1;
+static char *drain_to; /* where the handler puts what it reads */
+
+/* Every second tick empties the pipe, so that one cuts a write short and the next meets one that has moved nothing. */
+static void tick(int)
+{
+    if (ticks++ % 2 == 0 && drained_pipe >= 0)
+        drain_to += std::max(0L, read(drained_pipe, drain_to, Pipe::PAGE));
+}
+
+TEST(Io, SignalEndsATransferOrNot)
+{
     struct sigaction interrupting = {};
-    interrupting.sa_handler = [](int) {
-        next += ticks++ % 2 < drains ? std::max(0L, read(fds[0], next, 4096)) : 0;
-    };
+    interrupting.sa_handler = tick;
     sigaction(SIGALRM, &interrupting, nullptr);
+    const std::string sent = random_text(10000);
+    std::string got(10000, '?');
+    Pipe pipe(O_DIRECT);
     ualarm(1000, 1000);
-    EXPECT_EQ(-1, buf_rx(fds[0], got.data(), 5, 0));
-    EXPECT_EQ(-1, (fd_blocking(fds[1], 1), buf_tx(fds[1], sent.data(), 5000, -1)));
-    EXPECT_EQ(4096, buf_rx(fds[0], got.data(), 4096, 1) + fd_blocking(fds[0], 0));
-    next = got.data(), drains = 1;
-    struct iovec rest = {&sent[5000], 5000};
-    EXPECT_EQ(10000, buf_tx(fds[1], sent.data(), 5000, 1) + iov_tx(fds[1], &rest, 1, 1));
-    ualarm(0, 0), drains = 0;
-    EXPECT_EQ(0, (fd_close(fds[1]), buf_rx(fds[0], next, static_cast<size_t>(&got[10000] - next) + 1, 1))); /* EOF */
-    EXPECT_EQ(sent + "?", got);
+    EXPECT_EQ(-1, buf_rx(pipe.fds[0], got.data(), 5, 0));
+    EXPECT_EQ(-1, buf_tx(pipe.fds[1], sent.data(), 5000, -1));
+    EXPECT_EQ(4096, buf_rx(pipe.fds[0], got.data(), 4096, 1)) << "what fitted";
+
+    EXPECT_EQ(0, fd_blocking(pipe.fds[0], 0));
+    drain_to = got.data();
+    drained_pipe = pipe.fds[0];
+    struct iovec rest = {const_cast<char *>(&sent[5000]), 5000};
+    EXPECT_EQ(5000, buf_tx(pipe.fds[1], sent.data(), 5000, 1));
+    EXPECT_EQ(5000, iov_tx(pipe.fds[1], &rest, 1, 1));
+    ualarm(0, 0);
+    drained_pipe = -1;
+    EXPECT_EQ(0, fd_blocking(pipe.fds[0], 1));
+    const auto left = static_cast<size_t>(&got[9999] - drain_to + 1);
+    EXPECT_EQ(left, buf_rx(pipe.fds[0], drain_to, left, 1));
+    EXPECT_EQ(sent, got);
 }
 
 TEST(Io, OptionsReachTheKernel)
 {
     const FdGuard so(socket(AF_INET, SOCK_STREAM, 0)), file(open("/tmp", O_TMPFILE | O_RDWR, 0600));
-    EXPECT_EQ(0, so_linger(so.fd, 1, 7) + so_timeo(so.fd, 1, 3) + so_timeo(so.fd, 0, 4) + so_lowat(so.fd, 0, 5) +
-                     so_buf(so.fd, 1, 16) + so_buf(so.fd, 0, 32) + tcp_keepalive(so.fd, 11, 12, 13));
+    for (int result : {so_linger(so.fd, 1, 7), so_timeo(so.fd, 1, 3), so_timeo(so.fd, 0, 4), so_lowat(so.fd, 0, 5),
+                       so_buf(so.fd, 1, 16), so_buf(so.fd, 0, 32), tcp_keepalive(so.fd, 11, 12, 13)})
+        EXPECT_EQ(0, result);
     int value[4] = {}; /* both numbers of SO_LINGER are summed up */
     socklen_t len = sizeof(value);
     std::string seen;
