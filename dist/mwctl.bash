@@ -23,6 +23,7 @@ _mwctl() {
     COMPREPLY=()
     while IFS= read -r line; do
         case $line in
+        '') continue ;;
         /files)
             compopt -o filenames -o default
             COMPREPLY=()
@@ -35,7 +36,7 @@ _mwctl() {
         [\'\"]*) COMPREPLY+=("$line") ;;
         *) COMPREPLY+=("$(printf %q "$line")") ;;
         esac
-    done < <("$1" complete -- "${plain[@]}" 2>/dev/null)
+    done <<<"$("$1" complete -- "${plain[@]}" 2>/dev/null)"
     # Bash replaces only what follows the last of its own word breaks.
     case $cur in
     *[:=]*)

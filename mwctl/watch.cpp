@@ -28,6 +28,7 @@ static constexpr const char *TOP = "top/"; /* tags of Node, Datastore, VDisk and
 struct Pending {
     std::optional<Json> shape; /* of the last reading */
     Clock::time_point due;
+    uint64_t turn;       /* records are told in the order in which they were touched */
     bool silent = false; /* it is not known how it was before: take it in and tell nothing */
 };
 
@@ -67,6 +68,7 @@ class Watch
     std::map<uint32_t, Heard> heard_;
     std::map<std::pair<dev_t, ino_t>, std::pair<Lock, bool>> locks_; /* of the last look, and whether they were told */
     Clock::time_point next_tick_ = Clock::now(), next_poll_ = Clock::now();
+    uint64_t turn_ = 0;
     bool failure_told_ = false;
 };
 
@@ -197,7 +199,7 @@ std::set<std::string> Watch::listed_records() const
 
 void Watch::touch(const std::string &record, bool silent)
 {
-    pending_.try_emplace(record, Pending{std::nullopt, Clock::now(), silent});
+    pending_.try_emplace(record, Pending{std::nullopt, Clock::now(), turn_++, silent});
 }
 
 void Watch::touch_all()
@@ -292,22 +294,22 @@ void Watch::settle()
 {
     Clock::time_point now = Clock::now();
     std::set<std::string> due;
+    std::map<uint64_t, std::string> by_turn;
     for (const auto &[record, pending] : pending_)
-        if (pending.due <= now)
+        if (pending.due <= now) {
             due.insert(record);
+            by_turn.emplace(pending.turn, record);
+        }
     if (due.empty())
         return;
     reread_records(fresh_, due);
     fresh_.locks = read_locks();
-    /* Nodes first, then datastores, then VDisks: the order in which a message is written. */
-    for (const char *kind : {"node/", "datastore/", "vdisk/"})
-        for (const std::string &record : due)
-            if (record.starts_with(kind)) {
-                if (record.starts_with("node/"))
-                    hear(record);
-                if (settle_record(record, pending_.at(record)))
-                    pending_.erase(record);
-            }
+    for (const auto &[turn, record] : by_turn) {
+        if (record.starts_with("node/"))
+            hear(record);
+        if (settle_record(record, pending_.at(record)))
+            pending_.erase(record);
+    }
     fresh_.nodes.clear();
     fresh_.datastores.clear();
     fresh_.vdisks.clear();
