@@ -101,7 +101,7 @@ struct Member {
     }
 };
 
-/* How much of a VDisk was read. */
+/* How much of a VDisk was read: of one that is only named, at most the datastore link besides. */
 enum class Depth { named, kind, whole };
 
 struct VDisk {

@@ -32,7 +32,7 @@ static Descriptor open_tree(const Settings &settings)
     return root;
 }
 
-static std::optional<Node> read_node(Reader &reader, uint32_t uid)
+static std::optional<Node> read_node(Reader &reader, uint32_t uid, bool with_vdisks = true)
 {
     std::string path = fmt::format("Node/{}", uid);
     Directory directory = read_directory(reader.root.get(), path);
@@ -42,7 +42,8 @@ static std::optional<Node> read_node(Reader &reader, uint32_t uid)
     node.uid = uid;
     node.access = {directory.fault, directory.reason};
     node.values = read_values(directory, Kind::node);
-    node.vdisks = read_links(directory.fd.get(), "vdisks", path, reader.strays);
+    if (with_vdisks)
+        node.vdisks = read_links(directory.fd.get(), "vdisks", path, reader.strays);
     return node;
 }
 
@@ -213,9 +214,9 @@ static void read_all(Cluster &cluster, Reader &reader, bool whole)
 
 /* Puts a record as it is now into the cluster, or takes it out. A VDisk is read whole or, if it exists, by name alone.
  */
-static void take_in_node(Cluster &cluster, Reader &reader, uint32_t uid)
+static void take_in_node(Cluster &cluster, Reader &reader, uint32_t uid, bool with_vdisks = true)
 {
-    if (std::optional<Node> node = read_node(reader, uid))
+    if (std::optional<Node> node = read_node(reader, uid, with_vdisks))
         cluster.nodes.insert_or_assign(uid, std::move(*node));
     else
         cluster.nodes.erase(uid);
@@ -298,9 +299,13 @@ static void read_around_datastore(Cluster &cluster, Reader &reader, const std::s
             read_value_at(reader.root.get(), fmt::format("Node/{}/datastoremember", *uid), attribute).text == uuid)
             members.insert(*uid);
     for (uint32_t uid : members)
-        take_in_node(cluster, reader, uid);
-    for (const Link &link : datastore->vdisks.links)
+        take_in_node(cluster, reader, uid, false); /* which VDisks a member has is none of the datastore's */
+    for (const Link &link : datastore->vdisks.links) {
         take_in_vdisk(cluster, reader, link.name, Depth::named);
+        if (auto vdisk = cluster.vdisks.find(link.name); vdisk != cluster.vdisks.end())
+            vdisk->second.datastore =
+                read_link(reader.root.get(), fmt::format("VDisk/{}/datastore", link.name)).value_or("");
+    }
 }
 
 static void read_around_vdisk(Cluster &cluster, Reader &reader, const std::string &uuid)

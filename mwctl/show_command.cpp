@@ -85,7 +85,7 @@ static std::string members_text(const Cluster &cluster, const VDisk &vdisk, cons
         all.insert(member.uid);
     if (all.empty())
         return heading("No member", style);
-    Table table({"NODE", "AGE", "LISTED", "GENERATION", "STATUS", "SEQNO", "NUMKEYS", "PORT", "ST_MEM", "FRONTENDS"});
+    Table table({"NODE", "AGE", "LISTED", "GEN", "STATUS", "SEQNO", "NUMKEYS", "PORT", "ST_MEM", "FRONTENDS"});
     for (uint32_t uid : all) {
         const Member *member = vdisk.member(uid);
         bool names = std::find(listed.begin(), listed.end(), uid) != listed.end();
@@ -116,28 +116,43 @@ static std::string nodes_text(const Cluster &cluster, const Datastore &datastore
     return table.empty() ? heading("No member", style) : heading("Members", style) + table.render(style, "  ");
 }
 
-/* Links with the target that their place asks for, by name alone behind their directory; others with their target. */
+/* A group of names under what they have in common. */
+static std::string group_text(const std::string &common, const std::vector<std::string> &names)
+{
+    constexpr size_t indent = 4;
+    return fmt::format("  {} ({})\n    {}\n", printable(common), names.size(),
+                       wrap(fmt::format("{}", fmt::join(names, " ")), terminal_width(), indent));
+}
+
+/* Links that say nothing but names are listed by directory, all others with their target. */
 static std::string links_text(const std::vector<Link> &links, const Style &style)
 {
     std::string text;
-    std::map<std::string, std::string> directories;
+    std::map<std::string, std::vector<std::string>> directories;
     for (const Link &link : links) {
-        size_t slash = link.name.rfind('/');
-        std::string name = link.name.substr(slash + 1);
-        bool plain = link.target.ends_with("/" + name);
-        directories[link.name.substr(0, slash + 1)] +=
-            " " + printable(plain ? name : fmt::format("{}->{}", name, link.target));
+        size_t slash = link.name.rfind('/') + 1;
+        std::string name = link.name.substr(slash);
+        if (link.target.ends_with("/" + name))
+            directories[link.name.substr(0, slash)].push_back(printable(name));
+        else
+            text += fmt::format("  {} -> {}\n", printable(link.name), printable(link.target));
     }
     for (const auto &[directory, names] : directories)
-        text += fmt::format("  {}\n    {}\n", printable(directory), wrap(names.substr(1), terminal_width(), 4));
-    return text.empty() ? "" : heading("Links", style) + text;
+        text += group_text(directory, names);
+    return text.empty() ? heading("No link", style) : heading("Links", style) + text;
 }
 
+/* By what stands around the name of the record that links. */
 static std::string back_links_text(const std::vector<std::string> &paths, const Style &style)
 {
+    std::map<std::string, std::vector<std::string>> places;
+    for (const std::string &path : paths) {
+        size_t begin = path.find('/') + 1, end = path.find('/', begin);
+        places[path.substr(0, begin) + "*" + path.substr(end)].push_back(printable(path.substr(begin, end - begin)));
+    }
     std::string text;
-    for (const std::string &path : paths)
-        text += fmt::format("  {}\n", printable(path));
+    for (const auto &[place, names] : places)
+        text += group_text(place, names);
     return text.empty() ? heading("Linked from nowhere", style) : heading("Linked from", style) + text;
 }
 
@@ -204,6 +219,9 @@ static bool describe_datastore(Subject &subject, const std::string &name, const 
                                 count_of(datastore->vdisks.links.size(), "VDisk"));
     add_links(subject, fmt::format("Datastore/{}/members", name), datastore->members);
     add_links(subject, fmt::format("Datastore/{}/vdisks", name), datastore->vdisks);
+    for (const auto &[uid, node] : cluster.nodes)
+        if (node.value("datastoremember").good() && node.value("datastoremember").text == name)
+            subject.linked_from.push_back(fmt::format("Node/{}/datastoremember", uid));
     for (const auto &[uuid, vdisk] : cluster.vdisks)
         if (vdisk.datastore_name() == name)
             subject.linked_from.push_back(fmt::format("VDisk/{}/datastore", uuid));

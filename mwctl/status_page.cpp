@@ -90,7 +90,10 @@ static std::string publication_of(const Page &page, uint32_t uid)
 static std::string ping_text(const Cluster &cluster, const Node &node)
 {
     std::optional<size_t> bytes = ping_bytes(cluster, node);
-    return bytes ? fmt::format("{} ({} %)", human_size(*bytes), *bytes * 100 / DATAGRAM) : "-";
+    if (!bytes)
+        return "-";
+    size_t percent = *bytes * 100 / DATAGRAM;
+    return fmt::format("{} ({} %)", human_size(*bytes), percent ? std::to_string(percent) : "<1");
 }
 
 static std::string figure_text(const Node &node, std::string_view key)

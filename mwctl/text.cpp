@@ -174,6 +174,14 @@ bool Table::empty() const
     return rows_.empty();
 }
 
+/* A number, with a unit behind it if need be, or nothing. Names and addresses may begin with a digit too. */
+static bool numeric_cell(std::string_view cell)
+{
+    std::string_view word = cell.substr(0, cell.find_first_of(" +"));
+    bool digits = std::all_of(word.begin(), word.end(), [](char c) { return (c >= '0' && c <= '9') || c == '.'; });
+    return cell == "-" || (digits && std::count(word.begin(), word.end(), '.') <= 1);
+}
+
 std::string Table::render(const Style &style, std::string_view indent) const
 {
     std::vector<size_t> widths(headings_.size());
@@ -182,8 +190,7 @@ std::string Table::render(const Style &style, std::string_view indent) const
         widths[i] = display_width(headings_[i]);
         for (const auto &row : rows_) {
             widths[i] = std::max(widths[i], display_width(row[i]));
-            numeric[i] =
-                numeric[i] && (row[i].empty() || row[i] == "-" || isdigit(static_cast<unsigned char>(row[i][0])));
+            numeric[i] = numeric[i] && numeric_cell(row[i]);
         }
     }
     auto line = [&](const std::vector<std::string> &cells) {
